@@ -1,0 +1,54 @@
+// The control module: what the two ends of Orrery's control pipe, the application and its clients,
+// have in common. Names the pipe, tells who sits at its other end, and which program a process runs.
+//
+// All functions are stateless; those that ask for this program's own place need a
+// QCoreApplication. Nothing here reports an error: what cannot be read is unknown (0 or an empty
+// string), and what is unknown is not trusted.
+
+#pragma once
+
+#include <QString>
+
+class QLocalSocket;
+
+namespace OrreryControl {
+
+// The pipe's local-socket server name, "orrery-control-" and the real user id in decimal. Qt places
+// a name without a slash in the temporary directory (TMPDIR, else /tmp).
+[[nodiscard]] QString pipeName();
+
+// The process that holds the server end of a connected client's pipe, as the kernel recorded it
+// (SO_PEERCRED, unix(7)). 0 when the socket is not connected or the holder is another user's.
+[[nodiscard]] unsigned long peerServerPid(const QLocalSocket &socket);
+
+// The same for the server end: the process that connected, or 0.
+[[nodiscard]] unsigned long peerClientPid(const QLocalSocket &socket);
+
+// The path of the executable that a process runs (/proc/PID/exe, proc(5)), without the " (deleted)"
+// that Linux appends once the file is gone. Where this program and the process were both started
+// from one AppImage file, and the two executables have the same contents (files up to 256 MiB are
+// compared), the path is the one inside this program's own mount. Empty when it cannot be read.
+[[nodiscard]] QString processImagePath(unsigned long pid);
+
+// processImagePath() of the process's parent; empty when there is none or it cannot be read.
+[[nodiscard]] QString parentImagePath(unsigned long pid);
+
+// Whether a process runs the file called name that lies next to this program's executable, symbolic
+// links resolved on both sides. False unless both files exist.
+[[nodiscard]] bool isSiblingProcess(unsigned long pid, const QString &name);
+
+// The path of the file called name next to this program's executable; it need not exist. Empty when
+// this program's own place is unknown.
+[[nodiscard]] QString siblingPath(const QString &name);
+
+// The file name of an executable called name on this platform: on Linux, name itself.
+[[nodiscard]] QString exeName(const QString &name);
+
+// Whether two paths are the same string. Nothing is resolved or normalised.
+[[nodiscard]] bool samePath(const QString &a, const QString &b);
+
+// The canonical path of the AppImage file that this program runs from. Empty when it runs from
+// none; APPIMAGE and APPDIR are believed only if APPDIR contains this program's own directory.
+[[nodiscard]] QString ownAppImage();
+
+} // namespace OrreryControl

@@ -1,0 +1,44 @@
+#include "orrery_control.h"
+
+#include <QLocalSocket>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// The process at the other end of the pipe; whichever end asks, the question is the same.
+unsigned long peerPid(const QLocalSocket &socket)
+{
+    ucred peer {};
+    socklen_t length = sizeof peer;
+    const int descriptor = static_cast<int>(socket.socketDescriptor());
+    if (getsockopt(descriptor, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
+        return 0;
+    if (peer.uid != getuid() || peer.pid <= 0)
+        return 0;
+    return static_cast<unsigned long>(peer.pid);
+}
+
+} // namespace
+
+namespace OrreryControl {
+
+QString pipeName()
+{
+    return u"orrery-control-"_s + QString::number(getuid());
+}
+
+unsigned long peerServerPid(const QLocalSocket &socket)
+{
+    return peerPid(socket);
+}
+
+unsigned long peerClientPid(const QLocalSocket &socket)
+{
+    return peerPid(socket);
+}
+
+} // namespace OrreryControl

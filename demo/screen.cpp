@@ -1,0 +1,86 @@
+#include "screen.h"
+
+#include "host.h"
+
+#include <QBuffer>
+#include <QDir>
+#include <QFontDatabase>
+#include <QImage>
+#include <QJsonArray>
+#include <QPainter>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int LineHeight = 22;
+constexpr int Margin = 16;
+
+QImage paintScreen(const Machine &machine)
+{
+    const QJsonObject display = machine.settings["display"_L1].toObject();
+    QImage screen(display["width"_L1].toInt(), display["height"_L1].toInt(), QImage::Format_RGB32);
+    screen.fill(QColor(18, 22, 32));
+    QPainter painter(&screen);
+    painter.fillRect(0, 0, screen.width(), 2 * Margin, QColor(52, 84, 138));
+    QFont font = QFontDatabase::systemFont(QFontDatabase::FixedFont);
+    font.setPixelSize(15);
+    painter.setFont(font);
+    painter.setPen(Qt::white);
+    painter.drawText(Margin, LineHeight, machine.text(u"name"_s) + " - demonstration, no real machine"_L1);
+    painter.setPen(QColor(190, 220, 190));
+    int y = 2 * Margin + LineHeight;
+    const QStringList lines = machine.screenLines();
+    for (const QString &line : lines) {
+        painter.drawText(Margin, y, line);
+        y += LineHeight;
+    }
+    return screen;
+}
+
+} // namespace
+
+QJsonObject captureScreen(const Machine &machine, const QJsonObject &arguments)
+{
+    const QImage screen = paintScreen(machine);
+    QRect region = screen.rect();
+    if (const QJsonArray asked = arguments["region"_L1].toArray(); !asked.isEmpty()) {
+        if (asked.size() != 4)
+            return { { u"error"_s, u"region must be [x, y, width, height]"_s } };
+        region = QRectF(asked[0].toDouble(), asked[1].toDouble(), asked[2].toDouble(),
+                        asked[3].toDouble()).toRect();
+        if (region.isEmpty() || !screen.rect().contains(region))
+            return { { u"error"_s,
+                       u"region must lie inside the screen of %1 x %2 pixels"_s
+                               .arg(screen.width()).arg(screen.height()) } };
+    }
+    const double scale = arguments["scale"_L1].toDouble(1);
+    const QSize size = (QSizeF(region.size()) * scale).toSize().expandedTo({ 1, 1 });
+    const QImage picture
+            = screen.copy(region).scaled(size, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+
+    const QString format = arguments["format"_L1].toString(u"png"_s);
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    if (!picture.save(&buffer, format.toLatin1().constData()))
+        return { { u"error"_s, u"this host cannot write the format "_s + format } };
+
+    QJsonObject result { { u"format"_s, format },
+                         { u"width"_s, size.width() },
+                         { u"height"_s, size.height() },
+                         { u"scale"_s, scale },
+                         { u"displayWidth"_s, screen.width() },
+                         { u"displayHeight"_s, screen.height() } };
+    if (arguments["output"_L1].toString() == "file"_L1) {
+        const QString path = QDir::temp().filePath(
+                u"orrery-demo-%1.%2"_s.arg(machine.text(u"name"_s).replace(u'/', u'_'), format));
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
+            return { { u"error"_s, "cannot write "_L1 + path } };
+        result["path"_L1] = path;
+    } else {
+        result["imageBase64"_L1] = QString::fromLatin1(bytes.toBase64());
+    }
+    return result;
+}

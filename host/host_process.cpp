@@ -1,0 +1,90 @@
+#include "host_process.h"
+
+#include "orrery_control.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include <climits>
+#include <csignal>
+
+#include <poll.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace HostProcess {
+
+unsigned long findApp()
+{
+    const QString app = OrreryControl::siblingPath(u"orrery"_s);
+    const QString appPath = app.isEmpty() ? QString() : QFileInfo(app).canonicalFilePath();
+    if (appPath.isEmpty())
+        return 0;
+
+    const QStringList entries
+            = QDir(u"/proc"_s).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::NoSort);
+    for (const QString &entry : entries) {
+        bool isPid = false;
+        const unsigned long pid = entry.toULong(&isPid);
+        if (!isPid)
+            continue;
+        struct stat status {};
+        if (stat(("/proc/"_L1 + entry).toLocal8Bit().constData(), &status) != 0
+            || status.st_uid != getuid())
+            continue;
+        if (OrreryControl::processImagePath(pid) == appPath)
+            return pid;
+    }
+    return 0;
+}
+
+QString exeVersion([[maybe_unused]] const QString &path, const QString &key)
+{
+    if (key == "ProductVersion"_L1)
+        return QStringLiteral(ORRERY_VERSION);
+    return QString::number(ORRERY_BUILD);
+}
+
+void binaryStdout() { }
+
+void binaryStdin() { }
+
+Handle::Handle(unsigned long pid)
+{
+    // A larger number would be cut to a pid_t, and so mean some other process.
+    if (pid == 0 || pid > INT_MAX)
+        return;
+    const long descriptor = syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0);
+    if (descriptor >= 0)
+        descriptorPlusOne = static_cast<quint64>(descriptor) + 1;
+}
+
+Handle::~Handle()
+{
+    if (isValid())
+        close(static_cast<int>(descriptorPlusOne - 1));
+}
+
+bool Handle::isValid() const
+{
+    return descriptorPlusOne != 0;
+}
+
+bool Handle::waitExit(int ms)
+{
+    if (!isValid())
+        return false;
+    pollfd process { static_cast<int>(descriptorPlusOne - 1), POLLIN, 0 };
+    return poll(&process, 1, ms) == 1;
+}
+
+void Handle::terminate()
+{
+    if (isValid())
+        syscall(SYS_pidfd_send_signal, static_cast<int>(descriptorPlusOne - 1), SIGKILL, nullptr, 0);
+}
+
+} // namespace HostProcess

@@ -1,0 +1,49 @@
+// The host module: this installation's application as a process of this host. Finds it, tells its
+// version, waits for its end and kills it.
+
+#pragma once
+
+#include <QString>
+
+namespace HostProcess {
+
+// The id of a running process of this user that executes the application's file next to this
+// program (proc(5)); 0 when there is none. Where several run, the first that /proc lists.
+[[nodiscard]] unsigned long findApp();
+
+// The version of the executable at path: the product version ("0.1.147") for the key
+// "ProductVersion", the build number ("147") for every other key. Both are fixed when the program
+// is built, together with the application; the file is not examined.
+[[nodiscard]] QString exeVersion(const QString &path, const QString &key);
+
+// Put standard output and standard input into raw byte mode, where a platform converts line ends.
+// On Linux there is nothing to do.
+void binaryStdout();
+void binaryStdin();
+
+// A handle on a running process (pidfd_open(2), Linux 5.3). It means the process that had the id
+// when the handle was opened, even if the id is used again. An empty handle, one that could not be
+// opened, does nothing quietly.
+class Handle
+{
+public:
+    explicit Handle(unsigned long pid);
+    ~Handle();
+    Handle(const Handle &) = delete;
+    Handle &operator=(const Handle &) = delete;
+
+    [[nodiscard]] bool isValid() const;
+
+    // Waits at most ms milliseconds (without limit when negative) for the process to end. True when
+    // it has ended; false on a timeout, an error, a signal that interrupted the wait, or an empty
+    // handle.
+    [[nodiscard]] bool waitExit(int ms);
+
+    // Kills the process with SIGKILL. Whether it ended is for waitExit() to tell.
+    void terminate();
+
+private:
+    quint64 descriptorPlusOne = 0; // a descriptor may be 0, so that 0 can mean empty
+};
+
+} // namespace HostProcess
