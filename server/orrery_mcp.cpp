@@ -243,7 +243,7 @@ void receiveLine(QByteArray line, RequestQueue &queue)
         return;
     }
     QJsonObject message = document.object();
-    const QString method = message["method"_L1].toString();
+    const QString method = message.value("method"_L1).toString();
     const auto id = message.constFind("id"_L1);
     if (method == "ping"_L1 && id != message.constEnd()) {
         reply(*id, {});
@@ -588,18 +588,19 @@ void replyToolText(const QJsonValue &id, const QString &text, bool isError)
 // A value as a tool result: a screenshot in it becomes an image block before the rest as text.
 void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError)
 {
-    QJsonObject object = value.toObject();
+    const QJsonObject object = value.toObject();
     const QString imageBase64 = object["imageBase64"_L1].toString();
     if (imageBase64.isEmpty()) {
         replyToolText(id, jsonText(value), isError);
         return;
     }
     const bool isJpeg = object["format"_L1].toString() == "jpeg"_L1;
-    object.remove("imageBase64"_L1);
+    QJsonObject rest = object;
+    rest.remove("imageBase64"_L1);
     const QJsonObject image { { u"type"_s, u"image"_s },
                               { u"data"_s, imageBase64 },
                               { u"mimeType"_s, isJpeg ? u"image/jpeg"_s : u"image/png"_s } };
-    replyToolContent(id, { image, textBlock(jsonText(object)) }, false);
+    replyToolContent(id, { image, textBlock(jsonText(rest)) }, false);
 }
 
 // --- The tools that manage the application's process

@@ -1,0 +1,94 @@
+// The official TypeScript client drives the server and the demonstration application, through
+// everything that a real client does in a day. SERVER and DEMO name the two programs.
+
+import { Client } from '@modelcontextprotocol/sdk/client/index.js';
+import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import { LoggingMessageNotificationSchema } from '@modelcontextprotocol/sdk/types.js';
+import assert from 'node:assert/strict';
+import { copyFileSync, mkdirSync, mkdtempSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { after, before, test } from 'node:test';
+
+const home = mkdtempSync(join(tmpdir(), 'orrery-sdk-'));
+const events = [];
+const client = new Client({ name: 'sdk-test', version: '1' });
+
+const call = (name, args = {}, options) => client.callTool({ name, arguments: args }, undefined, options);
+const object = result => JSON.parse(result.content.at(-1).text);
+
+before(async () => {
+  copyFileSync(process.env.SERVER, join(home, 'orrery-mcp'));
+  copyFileSync(process.env.DEMO, join(home, 'orrery'));
+  mkdirSync(join(home, 'tmp'));
+  client.setNotificationHandler(LoggingMessageNotificationSchema, message => events.push(message.params));
+  await client.connect(new StdioClientTransport({
+    command: join(home, 'orrery-mcp'),
+    env: { ...process.env, TMPDIR: join(home, 'tmp') },
+  }));
+});
+
+after(async () => {
+  await call('quit_app', { mode: 'force' });
+  await client.close();
+  rmSync(home, { recursive: true });
+});
+
+test('connects and negotiates', () => {
+  assert.deepEqual(client.getServerVersion(), { name: 'orrery', version: '0.1.0' });
+  assert.deepEqual(client.getServerCapabilities(), { logging: {}, tools: {} });
+  assert.equal(client.getInstructions(), undefined);
+});
+
+test('lists tools that pass the schema validation', async () => {
+  const { tools } = await client.listTools();
+  assert.equal(tools.length, 46);
+  assert.ok(tools.every(tool => tool.inputSchema.type === 'object'));
+});
+
+test('launches, calls and gets errors', async () => {
+  assert.equal(object(await call('launch_app')).socketReady, true);
+  assert.equal(object(await call('list_vms')).vms.length, 3);
+  const refused = await call('start_vm', { id: 'nobody' });
+  assert.equal(refused.isError, true);
+  assert.match(refused.content[0].text, /^Orrery error \[not_found\]: /);
+  assert.match((await call('no_such_tool')).content[0].text, /^unknown tool: no_such_tool$/);
+});
+
+test('sees the events of a job while it waits', async () => {
+  const { jobId } = object(await call('create_vm', {
+    os: 'linux', cpu: 2, ramGB: 4, diskGB: 20, network: 'nat', name: 'sdk', async: true,
+  }));
+  const job = object(await call('job_wait', { jobId, timeoutSeconds: 30 }));
+  assert.equal(job.state, 'done');
+  assert.ok(events.length > 3 && events.every(e => e.logger === 'orrery' && e.level === 'info'));
+  assert.equal(events.at(-1).data.detail.progress, 100);
+  assert.equal(object(await call('start_vm', { id: job.vmId })).state, 'running');
+});
+
+test('gets pictures of the asked size', async () => {
+  const { vms } = object(await call('list_vms'));
+  const id = vms.find(vm => vm.state === 'running').id;
+  for (const [format, magic] of [['png', '89504e47'], ['jpeg', 'ffd8ff']]) {
+    const { content } = await call('capture_screen', { id, format, region: [0, 0, 400, 200], scale: 0.5 });
+    assert.equal(content[0].type, 'image');
+    assert.equal(content[0].mimeType, `image/${format}`);
+    assert.ok(Buffer.from(content[0].data, 'base64').toString('hex').startsWith(magic));
+    const { width, height } = JSON.parse(content[1].text);
+    assert.deepEqual([width, height], [200, 100]);
+  }
+});
+
+test('pings during a call, and cancels it', async () => {
+  const { vms } = object(await call('list_vms'));
+  const id = vms.find(vm => vm.state === 'running').id;
+  const abort = new AbortController();
+  const waiting = call('wait_for_text', { id, pattern: 'never shown', timeoutSeconds: 60 },
+                       { signal: abort.signal });
+  waiting.catch(() => {});
+  await client.ping({ timeout: 10_000 });
+  abort.abort('enough');
+  await assert.rejects(waiting, /enough/);
+  // Had the cancellation not reached the server, this would wait for the first call's minute.
+  assert.equal(object(await call('list_vms', {}, { timeout: 30_000 })).vms.length, vms.length);
+});

@@ -1,0 +1,62 @@
+#include "host_process.h"
+
+#include <QProcess>
+#include <QTest>
+
+#include <csignal>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+using namespace HostProcess;
+
+class tst_host : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void findsNothingWithoutAnApplicationBesideIt() { QCOMPARE(findApp(), 0UL); }
+
+    void tellsTheVersion()
+    {
+        QCOMPARE(exeVersion(u"/no/such"_s, u"ProductVersion"_s), u"0.1.147"_s);
+        QCOMPARE(exeVersion(QString(), u"FileVersion"_s), u"147"_s);
+        QCOMPARE(exeVersion(QString(), u"productversion"_s), u"147"_s);
+    }
+
+    void anEmptyHandleIsQuiet_data()
+    {
+        QTest::addColumn<unsigned long>("pid");
+        QTest::newRow("no process") << 0UL;
+        QTest::newRow("unused") << 0x7ffffffeUL;
+        QTest::newRow("own id when cut to 32 bits") << (1UL << 32) + static_cast<unsigned long>(getpid());
+    }
+
+    void anEmptyHandleIsQuiet()
+    {
+        QFETCH(unsigned long, pid);
+        Handle handle(pid);
+        QVERIFY(!handle.isValid());
+        handle.terminate();
+        QVERIFY(!handle.waitExit(0));
+    }
+
+    void waitsForAProcessAndKillsIt()
+    {
+        QProcess child;
+        child.start(u"sleep"_s, { u"60"_s });
+        QVERIFY(child.waitForStarted());
+        Handle handle(static_cast<unsigned long>(child.processId()));
+        QVERIFY(handle.isValid());
+        QVERIFY(!handle.waitExit(10));
+        handle.terminate();
+        QVERIFY(handle.waitExit(5000));
+        QVERIFY(child.waitForFinished());
+        QCOMPARE(child.exitStatus(), QProcess::CrashExit);
+        QCOMPARE(child.exitCode(), SIGKILL);
+        // It means that process for good, even now that its id may be used again.
+        QVERIFY(handle.waitExit(0));
+    }
+};
+
+QTEST_GUILESS_MAIN(tst_host)
+#include "tst_host.moc"

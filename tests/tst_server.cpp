@@ -1,0 +1,468 @@
+// The server as its client sees it: the protocol, and what becomes of relayed calls.
+
+#include "harness.h"
+
+namespace {
+
+const QByteArray parseError
+        = R"({"error":{"code":-32700,"message":"Parse error"},"id":null,"jsonrpc":"2.0"})";
+
+QByteArray pong(const QByteArray &id)
+{
+    return R"({"id":)" + id + R"(,"jsonrpc":"2.0","result":{}})";
+}
+
+QByteArray methodNotFound(const QByteArray &id, const QByteArray &method)
+{
+    return R"({"error":{"code":-32601,"message":"Method not found: )" + method + R"("},"id":)" + id
+            + R"(,"jsonrpc":"2.0"})";
+}
+
+QByteArray initialized(const QByteArray &version)
+{
+    return R"({"id":1,"jsonrpc":"2.0","result":{"capabilities":{"logging":{},"tools":{}},"protocolVersion":")"
+            + version + R"(","serverInfo":{"name":"orrery","version":"0.1.0"}}})";
+}
+
+QByteArray textResult(const QByteArray &text, bool isError)
+{
+    return R"({"content":[{"text":")" + text + R"(","type":"text"}],"isError":)"
+            + (isError ? "true}" : "false}");
+}
+
+QByteArray eventLine(const QByteArray &data)
+{
+    return R"({"jsonrpc":"2.0","method":"notifications/message","params":{"data":)" + data
+            + R"(,"level":"info","logger":"orrery"}})";
+}
+
+QByteArray cancelled(const QByteArray &requestId)
+{
+    return R"({"method":"notifications/cancelled","params":{"requestId":)" + requestId + "}}";
+}
+
+} // namespace
+
+class tst_server : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void answersLines_data();
+    void answersLines();
+    void listsTheCatalogue();
+    void relaysACall_data();
+    void relaysACall();
+    void sendsWhatTheClientSent_data();
+    void sendsWhatTheClientSent();
+    void introducesItself_data();
+    void introducesItself();
+    void failsAndConnectsAgain_data();
+    void failsAndConnectsAgain();
+    void acceptsALineOf256MiB();
+    void anApplicationThatDoesNotReadFailsTheWrite();
+    void relaysALargeRequestAndAnswer();
+    void eventsAfterTheAnswerComeWithTheNextCall();
+    void cancelsTheCallInFlightOnly_data();
+    void cancelsTheCallInFlightOnly();
+    void finishesWhatIsQueuedAfterTheEndOfInput();
+    void passesManyEventsOnInOrder();
+};
+
+void tst_server::answersLines_data()
+{
+    QTest::addColumn<QByteArray>("input");
+    QTest::addColumn<QByteArray>("output");
+    const auto row = [](const char *name, const QByteArray &input, const QByteArray &output) {
+        QTest::newRow(name) << input << (output.isEmpty() ? output : output + '\n');
+    };
+    row("no input", "", "");
+    row("empty lines", "\n\r\n\n", "");
+    row("blanks", "  \n", parseError);
+    row("a batch", "[{\"id\":1,\"method\":\"ping\"}]\n", parseError);
+    row("scalars", "\"ping\"\n7\nnull\n", parseError + '\n' + parseError + '\n' + parseError);
+    row("cut off", "{\"id\":1,\"method\":\"pi\n", parseError);
+    row("invalid UTF-8", "{\"id\":1,\"method\":\"ping\",\"a\":\"\xff\xc3\"}\n", parseError);
+    row("nested without end", "{\"id\":" + QByteArray(100'000, '[') + "\n", parseError);
+    row("a carriage return inside", "{\"id\":1,\r\"method\":\"ping\"}\r\n", pong("1"));
+    row("no line feed at the end", "{\"id\":1,\"method\":\"ping\"}", pong("1"));
+    row("ping, string id", "{\"id\":\"a\\u00e9\\n\",\"method\":\"ping\"}\n", pong("\"aé\\n\""));
+    row("ping, null id", "{\"id\":null,\"method\":\"ping\"}\n", pong("null"));
+    row("ping, fractional id", "{\"id\":2.5,\"method\":\"ping\"}\n", pong("2.5"));
+    row("ping, large id", "{\"id\":9007199254740993,\"method\":\"ping\"}\n", pong("9007199254740993"));
+    row("ping, id of an object", "{\"id\":{\"b\":1,\"a\":[]},\"method\":\"ping\"}\n",
+        pong("{\"a\":[],\"b\":1}"));
+    for (const char *method : { "ping", "initialize", "tools/list", "no/such" })
+        row(method, QByteArray("{\"method\":\"") + method + "\",\"jsonrpc\":\"2.0\"}\n", "");
+    row("tools/call without id",
+        R"({"method":"tools/call","params":{"name":"no such tool"}})" "\n", "");
+    row("unknown method", "{\"id\":1,\"method\":\"Ping\"}\n", methodNotFound("1", "Ping"));
+    row("the logging level", "{\"id\":1,\"method\":\"logging/setLevel\"}\n",
+        methodNotFound("1", "logging/setLevel"));
+    row("no method", "{\"id\":1}\n", methodNotFound("1", ""));
+    row("method of another type", "{\"id\":1,\"method\":7}\n", methodNotFound("1", ""));
+    row("cancelled as a request", R"({"id":1,"method":"notifications/cancelled"})" "\n",
+        methodNotFound("1", "notifications/cancelled"));
+    row("nothing to cancel",
+        cancelled("-1") + '\n' + cancelled("-2") + '\n' + cancelled("1") + '\n' + cancelled("\"1\"") + '\n',
+        "");
+    for (const char *version : { "2024-11-05", "2025-03-26", "2025-06-18" })
+        row(version,
+            R"({"id":1,"method":"initialize","params":{"protocolVersion":")" + QByteArray(version)
+                    + "\"}}\n",
+            initialized(version));
+    for (const char *version : { "\"2025-06-18 \"", "\"2099-01-01\"", "20250618", "null" })
+        row(version,
+            R"({"id":1,"method":"initialize","params":{"protocolVersion":)" + QByteArray(version) + "}}\n",
+            initialized("2024-11-05"));
+    row("initialize without params", "{\"id\":1,\"method\":\"initialize\"}\n",
+        initialized("2024-11-05"));
+    for (const char *params : { R"({"name":"Get_vm"})", R"({"name":7})", "{}", "[]", "\"get_vm\"" })
+        row(params, R"({"id":1,"method":"tools/call","params":)" + QByteArray(params) + "}\n",
+            R"({"id":1,"jsonrpc":"2.0","result":)"
+                    + textResult(QByteArray("unknown tool: ")
+                                         + (QByteArray(params).contains("Get") ? "Get_vm" : ""),
+                                 true)
+                    + "}");
+    row("in order", "{\"id\":1}\nx\n{\"id\":2}\n{\"id\":3}",
+        parseError + '\n' + methodNotFound("1", "") + '\n' + methodNotFound("2", "") + '\n'
+                + methodNotFound("3", ""));
+}
+
+void tst_server::answersLines()
+{
+    QFETCH(QByteArray, input);
+    const Installation home;
+    Server server(home);
+    server.process.write(input);
+    QCOMPARE(server.finish(), 0);
+    // The reader's own answers may come before the main thread's; each keeps its order.
+    QList<QByteArray> lines = server.process.readAllStandardOutput().split('\n');
+    std::stable_partition(lines.begin(), lines.end(),
+                          [](const QByteArray &line) { return line == parseError; });
+    QTEST(lines.join('\n'), "output");
+    QCOMPARE(server.process.readAllStandardError(), "");
+    QCOMPARE(home.applications().size(), 0);
+}
+
+void tst_server::listsTheCatalogue()
+{
+    QFile contract(QStringLiteral(CONTRACT_PATH));
+    QVERIFY(contract.open(QIODevice::ReadOnly));
+    const QJsonObject tools { { u"tools"_s,
+                                QJsonDocument::fromJson(contract.readAll())["tools"_L1] } };
+    const Installation home;
+    Server server(home);
+    server.send(R"({"id":1,"method":"tools/list","params":{"cursor":"x"}})");
+    QCOMPARE(server.line(), R"({"id":1,"jsonrpc":"2.0","result":)" + compact(tools) + "}");
+    QCOMPARE(server.finish(), 0);
+}
+
+// Steps of the application for one call, the events that the client then sees, and the result.
+void tst_server::relaysACall_data()
+{
+    QTest::addColumn<QByteArray>("answer");
+    QTest::addColumn<QByteArray>("events");
+    QTest::addColumn<QByteArray>("result");
+    const auto row = [](const char *name, const QByteArray &answer, const QByteArray &result,
+                        const QByteArray &events = {}) {
+        QTest::newRow(name) << answer << events << result;
+    };
+    const QByteArray done = R"({"id":$id,"result":1})" "\n";
+    const QByteArray one = textResult("1", false);
+
+    row("object", R"({"result":{"b":1,"a":[true,{}]},"id":$id})" "\n",
+        textResult(R"({\n    \"a\": [\n        true,\n        {\n        }\n    ],\n    \"b\": 1\n})", false));
+    row("array", R"({"id":$id,"result":[1]})" "\n", textResult(R"([\n    1\n])", false));
+    row("string", R"({"id":$id,"result":" \"a\" é "})" "\n", textResult(R"( \"a\" é )", false));
+    row("number", R"({"id":$id,"result":2.5})" "\n", textResult("2.5", false));
+    row("boolean", R"({"id":$id,"result":false})" "\n", textResult("false", false));
+    row("null", R"({"id":$id,"result":null})" "\n", textResult("", false));
+    row("lone surrogate", R"({"id":$id,"result":"\ud800"})" "\n", textResult("\\ud800", false));
+
+    const auto image = [](const QByteArray &type, const QByteArray &rest) {
+        return R"({"content":[{"data":"QUJD+/==","mimeType":"image/)" + type
+                + R"(","type":"image"},{"text":"{\n)" + rest + R"(}","type":"text"}],"isError":false})";
+    };
+    row("jpeg", R"({"id":$id,"result":{"imageBase64":"QUJD+/==","format":"jpeg","width":3}})" "\n",
+        image("jpeg", R"(    \"format\": \"jpeg\",\n    \"width\": 3\n)"));
+    row("JPEG", R"({"id":$id,"result":{"imageBase64":"QUJD+/==","format":"JPEG"}})" "\n",
+        image("png", R"(    \"format\": \"JPEG\"\n)"));
+    row("nothing but an image", R"({"id":$id,"result":{"imageBase64":"QUJD+/=="}})" "\n",
+        image("png", ""));
+    row("an empty image", R"({"id":$id,"result":{"imageBase64":""}})" "\n",
+        textResult(R"({\n    \"imageBase64\": \"\"\n})", false));
+    row("an image of another type", R"({"id":$id,"result":{"imageBase64":7}})" "\n",
+        textResult(R"({\n    \"imageBase64\": 7\n})", false));
+
+    row("error", R"({"id":$id,"error":{"code":"%2","message":"%1 bad","data":1},"result":2})" "\n",
+        textResult("Orrery error [%2]: %1 bad", true));
+    row("error with a numeric code", R"({"id":$id,"error":{"code":7,"message":"m"}})" "\n",
+        textResult("Orrery error []: m", true));
+    row("error that is null", R"({"id":$id,"error":null})" "\n", textResult("Orrery error []: ", true));
+    row("error that is a string", R"({"id":$id,"error":"x"})" "\n",
+        textResult("Orrery error []: ", true));
+
+    row("answers to others", R"({"id":1,"result":0})" "\n" R"({"id":"$id","result":0})" "\n"
+        R"({"id":$id.5,"error":0})" "\n" R"({"result":0})" "\n" + done, one);
+    row("whole number with a fraction", R"({"id":$id.0,"result":1})" "\n", one);
+    row("events", R"({"method":"e","params":{"p":1}})" "\n" R"({"method":7,"id":$id})" "\n"
+        R"({"params":null})" "\n" + done, one,
+        eventLine(R"({"detail":{"p":1},"event":"e"})") + '\n' + eventLine(R"({"event":7})") + '\n'
+                + eventLine(R"({"detail":null})") + '\n');
+    row("lines that are no objects", "\n[1]\nx\n7\n\xc3\n" + done, one, (eventLine("{}") + '\n').repeated(5));
+    row("carriage return", R"({"id":$id,"result":1})" "\r\n", one);
+}
+
+void tst_server::relaysACall()
+{
+    QFETCH(QByteArray, answer);
+    QFETCH(QByteArray, events);
+    QFETCH(QByteArray, result);
+    const Installation home;
+    const Application app(home);
+    Server server(home);
+    const QJsonArray steps { QJsonObject { { u"send"_s, QString::fromUtf8(answer) } } };
+    server.send(toolCall(7, u"start_vm"_s, { { u"steps"_s, steps } }));
+    QCOMPARE(server.finish(), 0);
+    QCOMPARE(server.process.readAllStandardOutput(),
+             events + R"({"id":7,"jsonrpc":"2.0","result":)" + result + "}\n");
+}
+
+void tst_server::sendsWhatTheClientSent_data()
+{
+    QTest::addColumn<QByteArray>("arguments");
+    QTest::addColumn<QByteArray>("params");
+    QTest::newRow("object") << QByteArray(R"({"b":[1,2.5],"a":"é\n"})")
+                            << QByteArray(R"({"a":"é\n","b":[1,2.5]})");
+    QTest::newRow("array") << QByteArray("[1]") << QByteArray("{}");
+    QTest::newRow("string") << QByteArray("\"x\"") << QByteArray("{}");
+    QTest::newRow("null") << QByteArray("null") << QByteArray("{}");
+}
+
+void tst_server::sendsWhatTheClientSent()
+{
+    QFETCH(QByteArray, arguments);
+    QFETCH(QByteArray, params);
+    const Installation home;
+    const Application app(home);
+    Server server(home);
+    server.send(R"({"id":1,"method":"tools/call","params":{"name":"job_wait","arguments":)" + arguments
+                + "}}");
+    QVERIFY(!server.line().isEmpty());
+    QCOMPARE(home.read(u"received"_s).split('\n').value(1),
+             R"({"id":2,"method":"job_wait","params":)" + params + "}");
+}
+
+void tst_server::introducesItself_data()
+{
+    QTest::addColumn<QString>("orreryClient"); // null: not set
+    QTest::addColumn<QString>("clientNameVariable");
+    QTest::addColumn<QByteArray>("initializations"); // the names that the client gave in turn
+    QTest::addColumn<QString>("expected");
+    const QString none;
+    const QString empty = u""_s;
+    QTest::newRow("nothing known") << none << none << QByteArray() << u"MCP client"_s;
+    QTest::newRow("by initialize") << none << none << QByteArray("\"abc\"") << u"abc"_s;
+    QTest::newRow("by the last initialize") << none << none << QByteArray("\"abc\",7") << u"MCP client"_s;
+    QTest::newRow("by the variable") << none << u"v"_s << QByteArray("\"abc\"") << u"v"_s;
+    QTest::newRow("by the empty variable") << none << empty << QByteArray("\"abc\"") << empty;
+    QTest::newRow("by the own variable") << u"o"_s << u"v"_s << QByteArray("\"abc\"") << u"o"_s;
+    QTest::newRow("by the empty own variable") << empty << u"v"_s << QByteArray("\"abc\"") << empty;
+}
+
+void tst_server::introducesItself()
+{
+    QFETCH(QString, orreryClient);
+    QFETCH(QString, clientNameVariable);
+    QFETCH(QByteArray, initializations);
+    QFETCH(QString, expected);
+    Installation home;
+    const Application app(home);
+    if (!orreryClient.isNull())
+        home.environment.insert(u"ORRERY_MCP_CLIENT"_s, orreryClient);
+    if (!clientNameVariable.isNull())
+        home.environment.insert(u"MCP_CLIENT_NAME"_s, clientNameVariable);
+    Server server(home);
+    for (const QByteArray &name : initializations.split(','))
+        server.send(R"({"id":1,"method":"initialize","params":{"clientInfo":{"name":)"
+                    + (name.isEmpty() ? "null" : name) + "}}}");
+    QVERIFY(!server.call(u"list_vms"_s).isEmpty());
+    const QJsonObject hello { { u"clientName"_s, expected },
+                              { u"clientPath"_s, home.path(u"orrery-mcp"_s) },
+                              { u"pid"_s, server.process.processId() },
+                              { u"protocolVersion"_s, 1 } };
+    QCOMPARE(home.read(u"received"_s).split('\n').value(0),
+             R"({"id":1,"method":"hello","params":)" + compact(hello) + "}");
+}
+
+// How a call fails, and that the next one starts afresh.
+void tst_server::failsAndConnectsAgain_data()
+{
+    QTest::addColumn<QByteArray>("steps");
+    QTest::addColumn<QString>("text");
+    const QString closed = u"Orrery call failed: Orrery closed the connection"_s;
+    QTest::newRow("closed") << QByteArray(R"([{"close":1}])") << closed;
+    QTest::newRow("closed within a line")
+            << QByteArray(R"([{"send":"{\"id\":$id,\"result\":{}}"},{"close":1}])") << closed;
+    QTest::newRow("ended within a line") << QByteArray(R"([{"send":"{\"id\":$id,"},{"exit":1}])")
+                                         << closed;
+    QTest::newRow("answered and closed")
+            << QByteArray(R"([{"send":"{\"id\":$id,\"result\":\"last words\"}\n"},{"close":1}])")
+            << u"last words"_s;
+    QTest::newRow("answered, more, and ended")
+            << QByteArray(R"([{"send":"{\"id\":$id,\"result\":\"last words\"}\n{\"met"},{"exit":1}])")
+            << u"last words"_s;
+    QTest::newRow("an endless line") << QByteArray(R"([{"fill":270000000}])")
+                                     << u"Orrery call failed: Orrery sent a line of more than 256 MiB"_s;
+    QTest::newRow("a line too long, with its end")
+            << QByteArray(R"([{"fill":268435457},{"send":"\n"}])")
+            << u"Orrery call failed: Orrery sent a line of more than 256 MiB"_s;
+}
+
+void tst_server::failsAndConnectsAgain()
+{
+    QFETCH(QByteArray, steps);
+    QFETCH(QString, text);
+    const Installation home;
+    const Application app(home);
+    const qsizetype idle = app.openFiles();
+    Server server(home);
+    QCOMPARE(resultText(server.callSteps(steps)), text);
+    QTRY_VERIFY(app.openFiles() <= idle); // it has closed its end
+    // Launched anew where it ended; the new connection begins with a hello and an empty buffer.
+    const QJsonObject next = server.callSteps(R"([{"send":"{\"id\":$id,\"result\":\"fresh\"}\n"}])");
+    QCOMPARE(resultText(next), u"fresh"_s);
+    QStringList methods;
+    QList<int> ids;
+    for (const QJsonObject &request : home.received()) {
+        methods += request["method"_L1].toString();
+        ids += request["id"_L1].toInt();
+    }
+    QCOMPARE(methods, (QStringList { u"hello"_s, u"get_vm"_s, u"hello"_s, u"get_vm"_s }));
+    QCOMPARE(ids, (QList<int> { 1, 2, 3, 4 }));
+}
+
+void tst_server::acceptsALineOf256MiB()
+{
+    const Installation home;
+    const Application app(home);
+    Server server(home);
+    const QByteArray steps = R"([{"fill":268435456},{"send":"\n{\"id\":$id,\"result\":1}\n"}])";
+    server.send(toolCall(1, u"get_vm"_s, withSteps(steps)));
+    QCOMPARE(server.line(), eventLine("{}"));
+    QCOMPARE(resultText(parsed(server.line())), u"1"_s);
+}
+
+void tst_server::anApplicationThatDoesNotReadFailsTheWrite()
+{
+    const Installation home;
+    const Application app(home);
+    Server server(home);
+    // The first call is answered, then nothing is read while the second, large one comes.
+    const QByteArray steps = R"([{"send":"{\"id\":$id,\"result\":1}\n"},{"wait":8000}])";
+    QCOMPARE(resultText(server.callSteps(steps)), u"1"_s);
+    QCOMPARE(resultText(server.call(u"get_vm"_s, { { u"large"_s, QString(8'000'000, u'x') } })),
+             u"Orrery call failed: write to Orrery failed"_s);
+    QVERIFY(!server.call(u"get_vm"_s)["result"_L1]["isError"_L1].toBool());
+}
+
+void tst_server::relaysALargeRequestAndAnswer()
+{
+    const Installation home;
+    const Application app(home);
+    Server server(home);
+    const QString large(4'000'000, u'x');
+    // The fake answers with the request: both directions are full at the same time.
+    QCOMPARE(resultObject(server.call(u"get_vm"_s, { { u"large"_s, large } }))["params"_L1]["large"_L1],
+             QJsonValue(large));
+}
+
+void tst_server::eventsAfterTheAnswerComeWithTheNextCall()
+{
+    const Installation home;
+    const Application app(home);
+    Server server(home);
+    const QByteArray steps
+            = R"([{"send":"{\"id\":$id,\"result\":1}\n{\"method\":\"late\"}\n{\"meth"}])";
+    QCOMPARE(resultText(server.callSteps(steps)), u"1"_s);
+    server.send(R"({"id":5,"method":"initialize"})"); // runs no events into the void
+    QVERIFY(!server.line().isEmpty());
+    const QByteArray rest = R"([{"send":"od\":\"rest\"}\n{\"id\":$id,\"result\":2}\n"}])";
+    server.send(toolCall(6, u"get_vm"_s, withSteps(rest)));
+    QCOMPARE(server.line(), eventLine(R"({"event":"late"})"));
+    QCOMPARE(server.line(), eventLine(R"({"event":"rest"})"));
+    QCOMPARE(resultText(parsed(server.line())), u"2"_s);
+}
+
+void tst_server::cancelsTheCallInFlightOnly_data()
+{
+    QTest::addColumn<QJsonValue>("id");
+    QTest::addColumn<QByteArray>("requestId");
+    QTest::addColumn<bool>("ends");
+    QTest::newRow("named") << QJsonValue(5) << QByteArray("5") << true;
+    QTest::newRow("named, with a fraction") << QJsonValue(5) << QByteArray("5.0") << true;
+    QTest::newRow("another") << QJsonValue(5) << QByteArray("6") << false;
+    QTest::newRow("as a string") << QJsonValue(5) << QByteArray("\"5\"") << false;
+    QTest::newRow("string id") << QJsonValue(u"5"_s) << QByteArray("\"5\"") << false;
+    QTest::newRow("string id, as -1") << QJsonValue(u"5"_s) << QByteArray("-1") << false;
+    QTest::newRow("id -1") << QJsonValue(-1) << QByteArray("-1") << false;
+}
+
+void tst_server::cancelsTheCallInFlightOnly()
+{
+    QFETCH(QJsonValue, id);
+    QFETCH(QByteArray, requestId);
+    QFETCH(bool, ends);
+    const Installation home;
+    const Application app(home);
+    Server server(home);
+    const QJsonArray steps { QJsonObject { { u"send"_s, u"{\"method\":\"begun\"}\n"_s } },
+                             QJsonObject { { u"wait"_s, ends ? 100'000 : 1'000 } },
+                             QJsonObject { { u"send"_s, u"{\"id\":$id,\"result\":1}\n"_s } } };
+    server.send(toolCall(id, u"job_wait"_s, { { u"steps"_s, steps } }));
+    QCOMPARE(server.line(), eventLine(R"({"event":"begun"})"));
+    server.send(R"({"id":"during","method":"ping"})");
+    QCOMPARE(server.line(), pong("\"during\""));
+    server.send(cancelled(requestId));
+    QCOMPARE(resultText(parsed(server.line())),
+             ends ? u"Orrery call failed: cancelled by the client"_s : u"1"_s);
+    // A cancellation never reaches a later call, its own late coming included.
+    server.send(cancelled(requestId));
+    home.endApplications();
+    QVERIFY(!server.call(u"get_vm"_s)["result"_L1]["isError"_L1].toBool());
+}
+
+void tst_server::finishesWhatIsQueuedAfterTheEndOfInput()
+{
+    const Installation home;
+    const Application app(home);
+    Server server(home);
+    const QByteArray steps = R"([{"wait":300},{"send":"{\"id\":$id,\"result\":1}\n"}])";
+    for (int id = 1; id <= 3; ++id)
+        server.send(toolCall(id, u"get_vm"_s, withSteps(steps)));
+    QCOMPARE(server.finish(), 0);
+    const QList<QByteArray> lines = server.process.readAllStandardOutput().split('\n');
+    QCOMPARE(lines.size(), 4);
+    for (int i = 0; i < 3; ++i)
+        QCOMPARE(parsed(lines[i])["id"_L1].toInt(), i + 1);
+}
+
+void tst_server::passesManyEventsOnInOrder()
+{
+    const Installation home;
+    const Application app(home);
+    Server server(home);
+    constexpr int Count = 100'000;
+    const QByteArray steps = R"([{"send":"{\"method\":$n}\n","times":100000},)"
+                             R"({"send":"{\"id\":$id,\"result\":1}\n"}])";
+    server.send(toolCall(1, u"get_vm"_s, withSteps(steps)));
+    for (int n = 0; n < Count; ++n) {
+        if (const QByteArray line = server.line(); line != eventLine("{\"event\":" + QByteArray::number(n) + "}"))
+            QFAIL(line.constData());
+    }
+    QCOMPARE(resultText(parsed(server.line())), u"1"_s);
+}
+
+QTEST_GUILESS_MAIN(tst_server)
+#include "tst_server.moc"
