@@ -134,14 +134,8 @@ QString siblingPath(const QString &name)
     return QDir(QCoreApplication::applicationDirPath()).filePath(name);
 }
 
-QString exeName(const QString &name)
-{
-    return name;
-}
+QString exeName(const QString &name) { return name; }
 
-bool samePath(const QString &a, const QString &b)
-{
-    return a == b;
-}
+bool samePath(const QString &a, const QString &b) { return a == b; }
 
 } // namespace OrreryControl

@@ -1,5 +1,6 @@
 // The control module: what the two ends of Orrery's control pipe, the application and its clients,
-// have in common. Names the pipe, tells who sits at its other end, and which program a process runs.
+// have in common. Names the pipe, tells who sits at its other end, and which program a process
+// runs.
 //
 // All functions are stateless; those that ask for this program's own place need a
 // QCoreApplication. Nothing here reports an error: what cannot be read is unknown (0 or an empty

@@ -26,19 +26,10 @@ unsigned long peerPid(const QLocalSocket &socket)
 
 namespace OrreryControl {
 
-QString pipeName()
-{
-    return u"orrery-control-"_s + QString::number(getuid());
-}
+QString pipeName() { return u"orrery-control-"_s + QString::number(getuid()); }
 
-unsigned long peerServerPid(const QLocalSocket &socket)
-{
-    return peerPid(socket);
-}
+unsigned long peerServerPid(const QLocalSocket &socket) { return peerPid(socket); }
 
-unsigned long peerClientPid(const QLocalSocket &socket)
-{
-    return peerPid(socket);
-}
+unsigned long peerClientPid(const QLocalSocket &socket) { return peerPid(socket); }
 
 } // namespace OrreryControl

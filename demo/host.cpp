@@ -24,14 +24,11 @@ constexpr int JobStepMs = 400;
 constexpr int ShutdownMs = 1'000;
 constexpr int BootLineMs = 300;
 constexpr qint64 Second = 1'000;
-constexpr auto JobSteps = { "checking the image", "making the disk", "copying the system",
+constexpr auto JobSteps = { "checking the image", "making the disk",    "copying the system",
                             "copying the system", "setting up devices", "finishing" };
 const QStringList bridges { u"eth0"_s, u"wlan0"_s };
 
-Answer ok(const QJsonValue &result)
-{
-    return { { { u"result"_s, result } }, {} };
-}
+Answer ok(const QJsonValue &result) { return { { { u"result"_s, result } }, {} }; }
 
 Answer fail(const QString &code, const QString &message)
 {
@@ -39,15 +36,9 @@ Answer fail(const QString &code, const QString &message)
     return { { { u"error"_s, error } }, {} };
 }
 
-Answer wrong(const QString &message)
-{
-    return fail(u"invalid_argument"_s, message);
-}
+Answer wrong(const QString &message) { return fail(u"invalid_argument"_s, message); }
 
-Answer unavailable()
-{
-    return fail(u"not_available"_s, u"not available in the demonstration"_s);
-}
+Answer unavailable() { return fail(u"not_available"_s, u"not available in the demonstration"_s); }
 
 // An answer that comes once that much time has passed.
 Answer after(qint64 ms, const std::function<Answer()> &act)
@@ -64,7 +55,9 @@ Answer after(qint64 ms, const std::function<Answer()> &act)
 QJsonArray imagesFor(bool macOS)
 {
     const auto image = [](const QString &id, const QString &os, const QString &version, bool here) {
-        return QJsonObject { { u"imageId"_s, id }, { u"os"_s, os }, { u"version"_s, version },
+        return QJsonObject { { u"imageId"_s, id },
+                             { u"os"_s, os },
+                             { u"version"_s, version },
                              { u"downloaded"_s, here } };
     };
     if (macOS)
@@ -99,12 +92,12 @@ QString objectComplaint(const QJsonObject &schema, const QJsonObject &arguments)
 QString valueComplaint(const QJsonObject &schema, const QString &name, const QJsonValue &value)
 {
     const QString type = schema["type"_L1].toString();
-    const bool fits = type == "string"_L1 ? value.isString()
-            : type == "boolean"_L1        ? value.isBool()
-            : type == "number"_L1         ? value.isDouble()
-            : type == "array"_L1          ? value.isArray()
-            : type == "object"_L1         ? value.isObject()
-                                          : value.toInteger(0) == value.toInteger(1);
+    const bool fits = type == "string"_L1    ? value.isString()
+                      : type == "boolean"_L1 ? value.isBool()
+                      : type == "number"_L1  ? value.isDouble()
+                      : type == "array"_L1   ? value.isArray()
+                      : type == "object"_L1  ? value.isObject()
+                                             : value.toInteger(0) == value.toInteger(1);
     if (!fits)
         return u"%1 must be of type %2"_s.arg(name, type);
     const QJsonArray accepted = schema["enum"_L1].toArray();
@@ -117,8 +110,8 @@ QString valueComplaint(const QJsonObject &schema, const QString &name, const QJs
     }
     const QJsonArray elements = value.toArray();
     for (const QJsonValue &element : elements) {
-        const QString complaint
-                = valueComplaint(schema["items"_L1].toObject(), "an element of "_L1 + name, element);
+        const QString complaint = valueComplaint(schema["items"_L1].toObject(),
+                                                 "an element of "_L1 + name, element);
         if (!complaint.isEmpty())
             return complaint;
     }
@@ -182,7 +175,8 @@ QString creationComplaint(const QJsonObject &a)
         return u"user data is only for os:linux with unattended:true"_s;
     if (a.contains("userData"_L1) && a.contains("userDataPath"_L1))
         return u"give userData or userDataPath, not both"_s;
-    if (hasUserData && !a.contains("userData"_L1) && !QFileInfo(a["userDataPath"_L1].toString()).isFile())
+    if (hasUserData && !a.contains("userData"_L1)
+        && !QFileInfo(a["userDataPath"_L1].toString()).isFile())
         return u"userDataPath is not a file on the host"_s;
     if (a.contains("linuxExperience"_L1) && !linux)
         return u"linuxExperience is only for os:linux"_s;
@@ -194,13 +188,13 @@ QString creationComplaint(const QJsonObject &a)
         return known["imageId"_L1] == image && known["os"_L1] == a["os"_L1];
     });
     const QFileInfo file(image);
-    const bool isFile = file.isAbsolute() && file.isFile()
-            && file.suffix() == (macOS ? "ipsw"_L1 : "iso"_L1);
+    const bool isFile
+            = file.isAbsolute() && file.isFile() && file.suffix() == (macOS ? "ipsw"_L1 : "iso"_L1);
     return listed || isFile ? QString() : "there is no image for this os: "_L1 + image;
 }
 
-const QStringList keyNames { u"enter"_s, u"tab"_s,    u"escape"_s, u"space"_s, u"backspace"_s,
-                             u"up"_s,    u"delete"_s, u"insert"_s, u"down"_s,  u"left"_s,
+const QStringList keyNames { u"enter"_s, u"tab"_s,    u"escape"_s, u"space"_s,  u"backspace"_s,
+                             u"up"_s,    u"delete"_s, u"insert"_s, u"down"_s,   u"left"_s,
                              u"right"_s, u"home"_s,   u"end"_s,    u"pageup"_s, u"pagedown"_s };
 
 // What one action of send_input lacks; empty when it can be done on a screen of that size.
@@ -208,8 +202,9 @@ QString actionComplaint(const QJsonObject &action, const QSize &screen, double i
 {
     const QString type = action["type"_L1].toString();
     const auto off = [&](QLatin1StringView x, QLatin1StringView y) {
-        return !QRect({}, screen).contains(int(action[x].toInt(-1) / imageScale),
-                                           int(action[y].toInt(-1) / imageScale));
+        return !QRect({}, screen)
+                        .contains(int(action[x].toInt(-1) / imageScale),
+                                  int(action[y].toInt(-1) / imageScale));
     };
     static const QStringList pointed { u"click"_s, u"double"_s, u"move"_s, u"drag"_s };
     if ((pointed.contains(type) || action.contains("x"_L1) || action.contains("y"_L1))
@@ -264,13 +259,16 @@ QStringList Machine::screenLines() const
     return lines.join(u'\n').split(u'\n');
 }
 
-Host::Host(EventSink eventSink)
-    : sink(std::move(eventSink))
+Host::Host(EventSink eventSink) : sink(std::move(eventSink))
 {
     const auto add = [this](const char *os, const char *name, const char *state, bool tools) {
-        addMachine({ { u"os"_s, QString::fromLatin1(os) }, { u"name"_s, QString::fromLatin1(name) },
-                     { u"cpu"_s, 4 }, { u"ramGB"_s, 8 }, { u"diskGB"_s, 64 },
-                     { u"network"_s, u"nat"_s }, { u"unattended"_s, tools } });
+        addMachine({ { u"os"_s, QString::fromLatin1(os) },
+                     { u"name"_s, QString::fromLatin1(name) },
+                     { u"cpu"_s, 4 },
+                     { u"ramGB"_s, 8 },
+                     { u"diskGB"_s, 64 },
+                     { u"network"_s, u"nat"_s },
+                     { u"unattended"_s, tools } });
         machines.back().setState(QString::fromLatin1(state));
     };
     add("linux", "Debian 12", "running", true);
@@ -280,8 +278,9 @@ Host::Host(EventSink eventSink)
 
 Machine *Host::find(const QString &id)
 {
-    const auto it = std::find_if(machines.begin(), machines.end(),
-                                 [&](const Machine &machine) { return machine.text(u"id"_s) == id; });
+    const auto it = std::find_if(machines.begin(), machines.end(), [&](const Machine &machine) {
+        return machine.text(u"id"_s) == id;
+    });
     return it == machines.end() ? nullptr : &*it;
 }
 
@@ -368,8 +367,11 @@ Answer Host::createVm(const QJsonObject &arguments)
         return wrong(complaint);
 
     const QString jobId = u"job-%1"_s.arg(++lastNumber);
-    jobs.push_front({ { { u"jobId"_s, jobId }, { u"kind"_s, u"create_vm"_s }, { u"name"_s, name },
-                        { u"state"_s, u"running"_s }, { u"progress"_s, 0 } },
+    jobs.push_front({ { { u"jobId"_s, jobId },
+                        { u"kind"_s, u"create_vm"_s },
+                        { u"name"_s, name },
+                        { u"state"_s, u"running"_s },
+                        { u"progress"_s, 0 } },
                       arguments,
                       {} });
     jobs.front().age.start();
@@ -409,7 +411,8 @@ void Host::tick()
         if (progress == job.status["progress"_L1].toInteger() && job.status.contains("step"_L1))
             continue;
         job.status["progress"_L1] = progress;
-        job.status["step"_L1] = step < steps ? QString::fromLatin1(JobSteps.begin()[step]) : u"done"_s;
+        job.status["step"_L1]
+                = step < steps ? QString::fromLatin1(JobSteps.begin()[step]) : u"done"_s;
         if (step == steps) {
             job.status["state"_L1] = u"done"_s;
             job.status["vmId"_L1] = addMachine(job.arguments)["id"_L1];
@@ -545,11 +548,12 @@ Answer Host::sendInput(Machine &machine, const QJsonObject &arguments)
             machine.typed += u"\n$ "_s;
     }
     const qint64 duration = actions.size() * arguments["delayMs"_L1].toInteger(50)
-            + (captureAfter ? arguments["captureDelayMs"_L1].toInteger(500) : 0);
+                            + (captureAfter ? arguments["captureDelayMs"_L1].toInteger(500) : 0);
     const QString id = machine.text(u"id"_s);
     return after(duration, [=, this, done = actions.size()] {
         const Machine *shown = find(id);
-        QJsonObject result = captureAfter && shown ? captureScreen(*shown, arguments) : QJsonObject();
+        QJsonObject result
+                = captureAfter && shown ? captureScreen(*shown, arguments) : QJsonObject();
         if (result.contains("error"_L1))
             return wrong(result["error"_L1].toString());
         result["actions"_L1] = done;
@@ -563,8 +567,10 @@ Answer Host::runInGuest(const Machine &machine, const QJsonObject &arguments)
     const QStringList words = arguments["command"_L1].toString().split(u' ', Qt::SkipEmptyParts);
     const QString program = words.value(0);
     const auto answer = [](const QJsonValue &exitCode, const QString &out, const QString &err) {
-        return ok(QJsonObject { { u"exitCode"_s, exitCode }, { u"stdout"_s, out },
-                                { u"stderr"_s, err }, { u"timedOut"_s, exitCode.isNull() } });
+        return ok(QJsonObject { { u"exitCode"_s, exitCode },
+                                { u"stdout"_s, out },
+                                { u"stderr"_s, err },
+                                { u"timedOut"_s, exitCode.isNull() } });
     };
     if (program == "echo"_L1)
         return answer(0, words.sliced(1).join(u' ') + u'\n', {});
@@ -573,14 +579,15 @@ Answer Host::runInGuest(const Machine &machine, const QJsonObject &arguments)
     if (program == "sleep"_L1) {
         const qint64 connecting = arguments["connectTimeoutSeconds"_L1].toInteger(10);
         const qint64 command = arguments["commandTimeoutSeconds"_L1].toInteger(45);
-        const qint64 limit = std::min(
-                command, arguments["timeoutSeconds"_L1].toInteger(connecting + command));
+        const qint64 limit
+                = std::min(command, arguments["timeoutSeconds"_L1].toInteger(connecting + command));
         const qint64 asked = words.value(1).toLongLong();
         return after(std::min(asked, limit) * Second, [=] {
             return answer(asked > limit ? QJsonValue(QJsonValue::Null) : QJsonValue(0), {}, {});
         });
     }
-    return answer(127, {}, program + ": not found (the demonstration knows echo, uname, sleep)\n"_L1);
+    return answer(127, {},
+                  program + ": not found (the demonstration knows echo, uname, sleep)\n"_L1);
 }
 
 // --- The tables of tools
@@ -644,17 +651,21 @@ Answer diagnose(const Machine &machine)
                               { u"ok"_s, tools },
                               { u"advice"_s, tools ? QString() : u"Run apply_guest_tools."_s } };
     const bool running = machine.is(u"running"_s);
-    return ok(QJsonObject { { u"state"_s, machine.settings["state"_L1] },
-                            { u"uptimeSeconds"_s, running ? machine.started.elapsed() / Second : 0 },
-                            { u"checks"_s, QJsonArray { check } },
-                            { u"lastError"_s, QJsonValue::Null } });
+    return ok(
+            QJsonObject { { u"state"_s, machine.settings["state"_L1] },
+                          { u"uptimeSeconds"_s, running ? machine.started.elapsed() / Second : 0 },
+                          { u"checks"_s, QJsonArray { check } },
+                          { u"lastError"_s, QJsonValue::Null } });
 }
 
 Answer networkOf()
 {
-    const QJsonObject interface { { u"name"_s, u"eth0"_s },
-                                  { u"mac"_s, u"52:54:00:00:00:10"_s },
-                                  { u"addresses"_s, QJsonArray { u"192.0.2.10"_s } } };
+    const QJsonObject interface {
+        { u"name"_s, u"eth0"_s }, { u"mac"_s, u"52:54:00:00:00:10"_s },
+        {
+            u"addresses"_s, QJsonArray { u"192.0.2.10"_s }
+        }
+    };
     return ok(QJsonObject { { u"address"_s, u"192.0.2.10"_s },
                             { u"interfaces"_s, QJsonArray { interface } },
                             { u"gateway"_s, u"192.0.2.1"_s },
@@ -715,13 +726,14 @@ const std::map<QString, Host::Tool> &Host::machineTools()
           { any, Tool::Nothing,
             [](H h, M m, A a) {
                 const QString target = a["target"_L1].toString(u"running"_s);
-                return h.waitFor(m.text(u"id"_s), a["timeoutSeconds"_L1].toInt(45),
-                                 [=](const Machine *now, bool timeUp) -> std::optional<QJsonObject> {
-                                     if (!now->is(target) && !timeUp)
-                                         return {};
-                                     return QJsonObject { { u"reached"_s, now->is(target) },
-                                                          { u"state"_s, now->settings["state"_L1] } };
-                                 });
+                return h.waitFor(
+                        m.text(u"id"_s), a["timeoutSeconds"_L1].toInt(45),
+                        [=](const Machine *now, bool timeUp) -> std::optional<QJsonObject> {
+                            if (!now->is(target) && !timeUp)
+                                return {};
+                            return QJsonObject { { u"reached"_s, now->is(target) },
+                                                 { u"state"_s, now->settings["state"_L1] } };
+                        });
             } } },
         { u"set_installer_media"_s,
           { stopped, Tool::Nothing,
@@ -799,14 +811,15 @@ const std::map<QString, Host::Tool> &Host::machineTools()
           { running, Tool::Nothing,
             [](H h, M m, A a) {
                 const QString pattern = a["pattern"_L1].toString();
-                return h.waitFor(m.text(u"id"_s), a["timeoutSeconds"_L1].toInt(45),
-                                 [=](const Machine *now, bool timeUp) -> std::optional<QJsonObject> {
-                                     const QStringList lines = linesMatching(*now, pattern);
-                                     if (lines.isEmpty() && !timeUp)
-                                         return {};
-                                     return QJsonObject { { u"found"_s, !lines.isEmpty() },
-                                                          { u"line"_s, lines.value(0) } };
-                                 });
+                return h.waitFor(
+                        m.text(u"id"_s), a["timeoutSeconds"_L1].toInt(45),
+                        [=](const Machine *now, bool timeUp) -> std::optional<QJsonObject> {
+                            const QStringList lines = linesMatching(*now, pattern);
+                            if (lines.isEmpty() && !timeUp)
+                                return {};
+                            return QJsonObject { { u"found"_s, !lines.isEmpty() },
+                                                 { u"line"_s, lines.value(0) } };
+                        });
             } } },
         { u"send_input"_s,
           { running, Tool::Nothing, [](H h, M m, A a) { return h.sendInput(m, a); } } },
@@ -872,13 +885,13 @@ const std::map<QString, std::function<Answer(Host &, const QJsonObject &)>> &Hos
         { u"networking_status"_s, [](H h, A) { return ok(networking(h)); } },
         { u"host_capabilities"_s,
           [](H, A) {
-              return ok(QJsonObject { { u"maxCpu"_s, MaxCpu },
-                                      { u"maxRamGB"_s, MaxRamGB },
-                                      { u"freeDiskGB"_s, 500 },
-                                      { u"nestedVirt"_s, true },
-                                      { u"rosetta"_s, false },
-                                      { u"bridgeInterfaces"_s,
-                                        QJsonArray::fromStringList(bridges) } });
+              return ok(QJsonObject {
+                      { u"maxCpu"_s, MaxCpu },
+                      { u"maxRamGB"_s, MaxRamGB },
+                      { u"freeDiskGB"_s, 500 },
+                      { u"nestedVirt"_s, true },
+                      { u"rosetta"_s, false },
+                      { u"bridgeInterfaces"_s, QJsonArray::fromStringList(bridges) } });
           } },
         { u"networking_install"_s,
           [](H h, A) {
@@ -888,14 +901,14 @@ const std::map<QString, std::function<Answer(Host &, const QJsonObject &)>> &Hos
         { u"networking_repair"_s,
           [](H h, A) {
               return h.networkingInstalled
-                      ? ok(networking(h))
-                      : fail(u"not_ready"_s, u"not installed: use networking_install"_s);
+                             ? ok(networking(h))
+                             : fail(u"not_ready"_s, u"not installed: use networking_install"_s);
           } },
         { u"networking_uninstall"_s,
           [](H h, A) {
               for (const Machine &machine : h.machines) {
                   const bool uses = machine.text(u"network"_s) == "bridge"_L1
-                          || machine.text(u"linuxNetworkDriver"_s) == "service"_L1;
+                                    || machine.text(u"linuxNetworkDriver"_s) == "service"_L1;
                   if (uses && !machine.is(u"stopped"_s))
                       return fail(u"wrong_state"_s, "in use by "_L1 + machine.text(u"name"_s));
               }
@@ -903,9 +916,13 @@ const std::map<QString, std::function<Answer(Host &, const QJsonObject &)>> &Hos
               return ok(networking(h));
           } },
         { u"list_restore_images"_s,
-          [](H, A) { return ok(QJsonObject { { u"images"_s, imagesFor(true) } }); } },
+          [](H, A) {
+              return ok(QJsonObject { { u"images"_s, imagesFor(true) } });
+          } },
         { u"list_images"_s,
-          [](H, A) { return ok(QJsonObject { { u"images"_s, imagesFor(false) } }); } },
+          [](H, A) {
+              return ok(QJsonObject { { u"images"_s, imagesFor(false) } });
+          } },
     };
     return tools;
 }

@@ -33,7 +33,9 @@ class ControlServer
 {
 public:
     ControlServer()
-        : host([this](const QString &event, const QJsonObject &detail) { broadcast(event, detail); })
+        : host([this](const QString &event, const QJsonObject &detail) {
+              broadcast(event, detail);
+          })
     {
         QObject::connect(&server, &QLocalServer::newConnection, &server, [this] { accept(); });
         QObject::connect(&timer, &QTimer::timeout, &timer, [this] { tick(); });
@@ -76,10 +78,11 @@ private:
         const QJsonValue id = request["id"_L1];
         const QString method = request["method"_L1].toString();
         if (method == "hello"_L1 || method == "quit"_L1) {
-            send(client, { { u"id"_s, id },
-                           { u"result"_s, QJsonObject { { u"app"_s, u"Orrery demonstration"_s } } } });
+            send(client,
+                 { { u"id"_s, id },
+                   { u"result"_s, QJsonObject { { u"app"_s, u"Orrery demonstration"_s } } } });
             if (method == "quit"_L1)
-                QTimer::singleShot(0, qApp, &QCoreApplication::quit);
+                QCoreApplication::quit();
             return;
         }
         waiting.push_back({ &client, id, host.call(method, request["params"_L1].toObject()) });

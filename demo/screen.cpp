@@ -27,7 +27,8 @@ QImage paintScreen(const Machine &machine)
     font.setPixelSize(15);
     painter.setFont(font);
     painter.setPen(Qt::white);
-    painter.drawText(Margin, LineHeight, machine.text(u"name"_s) + " - demonstration, no real machine"_L1);
+    painter.drawText(Margin, LineHeight,
+                     machine.text(u"name"_s) + " - demonstration, no real machine"_L1);
     painter.setPen(QColor(190, 220, 190));
     int y = 2 * Margin + LineHeight;
     const QStringList lines = machine.screenLines();
@@ -48,11 +49,12 @@ QJsonObject captureScreen(const Machine &machine, const QJsonObject &arguments)
         if (asked.size() != 4)
             return { { u"error"_s, u"region must be [x, y, width, height]"_s } };
         region = QRectF(asked[0].toDouble(), asked[1].toDouble(), asked[2].toDouble(),
-                        asked[3].toDouble()).toRect();
+                        asked[3].toDouble())
+                         .toRect();
         if (region.isEmpty() || !screen.rect().contains(region))
             return { { u"error"_s,
-                       u"region must lie inside the screen of %1 x %2 pixels"_s
-                               .arg(screen.width()).arg(screen.height()) } };
+                       u"region must lie inside the screen of %1 x %2 pixels"_s.arg(screen.width())
+                               .arg(screen.height()) } };
     }
     const double scale = arguments["scale"_L1].toDouble(1);
     const QSize size = (QSizeF(region.size()) * scale).toSize().expandedTo({ 1, 1 });

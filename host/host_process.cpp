@@ -31,7 +31,9 @@ unsigned long findApp()
         const unsigned long pid = entry.toULong(&isPid);
         if (!isPid)
             continue;
-        struct stat status {};
+        struct stat status
+        {
+        };
         if (stat(("/proc/"_L1 + entry).toLocal8Bit().constData(), &status) != 0
             || status.st_uid != getuid())
             continue;
@@ -68,10 +70,7 @@ Handle::~Handle()
         close(static_cast<int>(descriptorPlusOne - 1));
 }
 
-bool Handle::isValid() const
-{
-    return descriptorPlusOne != 0;
-}
+bool Handle::isValid() const { return descriptorPlusOne != 0; }
 
 bool Handle::waitExit(int ms)
 {
@@ -84,7 +83,8 @@ bool Handle::waitExit(int ms)
 void Handle::terminate()
 {
     if (isValid())
-        syscall(SYS_pidfd_send_signal, static_cast<int>(descriptorPlusOne - 1), SIGKILL, nullptr, 0);
+        syscall(SYS_pidfd_send_signal, static_cast<int>(descriptorPlusOne - 1), SIGKILL, nullptr,
+                0);
 }
 
 } // namespace HostProcess

@@ -67,7 +67,7 @@ constexpr int KillExitMs = 5'000;
 
 // Sizes in bytes.
 constexpr qsizetype InputChunkBytes = 65'536;
-constexpr qsizetype MaxPipeLineBytes = 256 * 1'048'576;
+constexpr qsizetype MaxPipeLineBytes = 268'435'456;
 constexpr qint64 PipeReadAheadBytes = 1'048'576;
 
 constexpr qint64 NoCall = -1;
@@ -78,7 +78,8 @@ constexpr auto BundleId = "app.orrery.Orrery"_L1;
 
 std::mutex g_out; // standard output, for one message
 std::atomic<qint64> g_inFlight = NoCall; // id of the relayed call; written by the main thread
-std::atomic<bool> g_cancelled = false; // set by the reader for that call, cleared by the main thread
+std::atomic<bool> g_cancelled
+        = false; // set by the reader for that call, cleared by the main thread
 QJsonObject g_contract; // the catalogue; written before the reader starts, then never
 QString g_clientInfoName; // main thread
 
@@ -276,16 +277,14 @@ void readStdin(RequestQueue &queue)
 
 // --- The control pipe
 
-bool debugging()
-{
-    return qEnvironmentVariableIsSet("ORRERY_MCP_DEBUG");
-}
+bool debugging() { return qEnvironmentVariableIsSet("ORRERY_MCP_DEBUG"); }
 
 // "Orrery error [code]: message" of an application's error answer. Members of another type than
 // string read as empty.
 QString applicationErrorText(const QJsonValue &error)
 {
-    return u"Orrery error [%1]: %2"_s.arg(error["code"_L1].toString(), error["message"_L1].toString());
+    return u"Orrery error [%1]: %2"_s.arg(error["code"_L1].toString(),
+                                          error["message"_L1].toString());
 }
 
 // How this client introduces itself.
@@ -299,8 +298,8 @@ QString clientName()
 }
 
 // Connects the socket to the control pipe, whoever holds it. A local connect succeeds or fails at
-// once; only a listener with a full backlog leaves it connecting. waitForConnected() would poll that
-// one without a pause, so it is tried again until limitMs have passed.
+// once; only a listener with a full backlog leaves it connecting. waitForConnected() would poll
+// that one without a pause, so it is tried again until limitMs have passed.
 bool reachPipe(QLocalSocket &socket, int limitMs)
 {
     const QDeadlineTimer deadline(limitMs);
@@ -337,7 +336,8 @@ public:
     bool isConnected();
 
     // Reaches the pipe within waitMs, makes sure that its holder is this installation's application
-    // and greets it, which may take helloTimeoutMs. On false, foreignHolder and helloError tell why.
+    // and greets it, which may take helloTimeoutMs. On false, foreignHolder and helloError tell
+    // why.
     bool connect(int waitMs, int helloTimeoutMs);
 
     // Sends one request and waits timeoutMs for its response, passing events on to the client
@@ -407,10 +407,11 @@ bool Pipe::checkHolder()
     const unsigned long pid = OrreryControl::peerServerPid(sock);
     if (debugging()) {
         const QByteArray image = OrreryControl::processImagePath(pid).toLocal8Bit();
-        std::fprintf(stderr, "orrery-mcp: pipe server pid=%lu image='%s'\n", pid, image.constData());
+        std::fprintf(stderr, "orrery-mcp: pipe server pid=%lu image='%s'\n", pid,
+                     image.constData());
     }
-    foreignHolder
-            = pid == 0 || !OrreryControl::isSiblingProcess(pid, OrreryControl::exeName(u"orrery"_s));
+    foreignHolder = pid == 0
+                    || !OrreryControl::isSiblingProcess(pid, OrreryControl::exeName(u"orrery"_s));
     return !foreignHolder;
 }
 
@@ -464,10 +465,11 @@ void Pipe::takeInput()
 // Passes an application's event on to the client. Members that the event lacks stay out.
 void relayEvent(const QJsonObject &event)
 {
-    const QJsonObject data { { u"event"_s, event["method"_L1] }, { u"detail"_s, event["params"_L1] } };
-    const QJsonObject params {
-        { u"level"_s, u"info"_s }, { u"logger"_s, u"orrery"_s }, { u"data"_s, data }
-    };
+    const QJsonObject data { { u"event"_s, event["method"_L1] },
+                             { u"detail"_s, event["params"_L1] } };
+    const QJsonObject params { { u"level"_s, u"info"_s },
+                               { u"logger"_s, u"orrery"_s },
+                               { u"data"_s, data } };
     writeMessage({ { u"jsonrpc"_s, u"2.0"_s },
                    { u"method"_s, u"notifications/message"_s },
                    { u"params"_s, params } });
@@ -483,7 +485,9 @@ bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *r
     };
 
     nextId = nextId == INT_MAX ? 1 : nextId + 1;
-    const QJsonObject request { { u"id"_s, nextId }, { u"method"_s, method }, { u"params"_s, params } };
+    const QJsonObject request { { u"id"_s, nextId },
+                                { u"method"_s, method },
+                                { u"params"_s, params } };
     if (!send(QJsonDocument(request).toJson(QJsonDocument::Compact) + '\n'))
         return drop(u"write to Orrery failed"_s);
 
@@ -522,10 +526,7 @@ bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *r
 
 // --- Launching the application
 
-QString appExe()
-{
-    return OrreryControl::siblingPath(OrreryControl::exeName(u"orrery"_s));
-}
+QString appExe() { return OrreryControl::siblingPath(OrreryControl::exeName(u"orrery"_s)); }
 
 // Starts the application on its own: nothing of it is tracked, and it outlives this program.
 bool startApp()
@@ -616,9 +617,9 @@ void appStatus(const QJsonValue &id)
     const unsigned long pid = HostProcess::findApp();
     const bool running = pid != 0;
     QJsonObject status {
-        { u"running"_s, running },          { u"pid"_s, QJsonValue::Null },
-        { u"socketReachable"_s, false },    { u"version"_s, QJsonValue::Null },
-        { u"build"_s, QJsonValue::Null },   { u"bundleId"_s, BundleId },
+        { u"running"_s, running },        { u"pid"_s, QJsonValue::Null },
+        { u"socketReachable"_s, false },  { u"version"_s, QJsonValue::Null },
+        { u"build"_s, QJsonValue::Null }, { u"bundleId"_s, BundleId },
     };
     if (running) {
         status["pid"_L1] = static_cast<qint64>(pid);
@@ -672,10 +673,11 @@ void quitApp(const QJsonValue &id, const QJsonObject &arguments)
     HostProcess::Handle app(pid);
     const QString appName = OrreryControl::exeName(u"orrery"_s);
     if (!app.isValid() || !OrreryControl::isSiblingProcess(pid, appName)) {
-        replyToolText(id,
-                      "Orrery call failed: the running %1 isn't this install's app (or isn't yours)."_L1
-                              .arg(appName),
-                      true);
+        replyToolText(
+                id,
+                "Orrery call failed: the running %1 isn't this install's app (or isn't yours)."_L1
+                        .arg(appName),
+                true);
         return;
     }
 
@@ -836,7 +838,8 @@ int main(int argc, char *argv[])
     // Standard error is for this program's own diagnostics.
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
     QCoreApplication app(argc, argv);
-    // Asked for now, because Qt keeps the first answer, and there is none once the file is replaced.
+    // Asked for now, because Qt keeps the first answer, and there is none once the file is
+    // replaced.
     (void)QCoreApplication::applicationFilePath();
 
     HostProcess::binaryStdout();

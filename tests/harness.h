@@ -14,6 +14,8 @@
 
 #include <csignal>
 
+#include <poll.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -25,12 +27,10 @@ inline QByteArray compact(const QJsonObject &object)
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
 }
 
-inline QJsonObject parsed(const QByteArray &line)
-{
-    return QJsonDocument::fromJson(line).object();
-}
+inline QJsonObject parsed(const QByteArray &line) { return QJsonDocument::fromJson(line).object(); }
 
-inline QByteArray toolCall(const QJsonValue &id, const QString &name, const QJsonObject &arguments = {})
+inline QByteArray toolCall(const QJsonValue &id, const QString &name,
+                           const QJsonObject &arguments = {})
 {
     return compact({ { u"id"_s, id },
                      { u"method"_s, u"tools/call"_s },
@@ -66,8 +66,8 @@ public:
         QFile::copy(QStringLiteral(SERVER_PATH), path(u"orrery-mcp"_s));
         QFile::copy(QStringLiteral(FAKE_PATH), path(u"orrery"_s));
         environment.insert(u"TMPDIR"_s, path(u"tmp"_s));
-        for (const char *variable : { "ORRERY_MCP_CLIENT", "MCP_CLIENT_NAME", "ORRERY_MCP_DEBUG",
-                                      "APPDIR", "APPIMAGE" })
+        for (const char *variable :
+             { "ORRERY_MCP_CLIENT", "MCP_CLIENT_NAME", "ORRERY_MCP_DEBUG", "APPDIR", "APPIMAGE" })
             environment.remove(QString::fromLatin1(variable));
     }
 
@@ -75,10 +75,7 @@ public:
 
     QString folder() const { return root.path(); }
     QString path(const QString &name) const { return QDir(root.path()).filePath(name); }
-    QString pipePath() const
-    {
-        return path(u"tmp/orrery-control-%1"_s.arg(getuid()));
-    }
+    QString pipePath() const { return path(u"tmp/orrery-control-%1"_s.arg(getuid())); }
 
     // The living processes whose executable lies in this folder and is not the server.
     QList<qint64> applications() const
@@ -93,11 +90,14 @@ public:
         return pids;
     }
 
+    // Kills them and waits for their end, by which their connections are closed too.
     void endApplications() const
     {
         for (const qint64 pid : applications()) {
-            if (pid > 0)
-                kill(static_cast<pid_t>(pid), SIGKILL);
+            pollfd ended { static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0 };
+            kill(static_cast<pid_t>(pid), SIGKILL);
+            poll(&ended, 1, PatienceMs);
+            close(ended.fd);
         }
     }
 
@@ -142,7 +142,8 @@ private:
 class Child
 {
 public:
-    Child(const QString &program, const QStringList &arguments, const QProcessEnvironment &environment)
+    Child(const QString &program, const QStringList &arguments,
+          const QProcessEnvironment &environment)
     {
         process.setProgram(program);
         process.setArguments(arguments);
@@ -159,7 +160,8 @@ public:
     QByteArray line(int ms = PatienceMs)
     {
         const QDeadlineTimer deadline(ms);
-        while (!process.canReadLine() && process.waitForReadyRead(int(deadline.remainingTime()))) { }
+        while (!process.canReadLine() && process.waitForReadyRead(int(deadline.remainingTime()))) {
+        }
         QByteArray text = process.readLine();
         text.chop(text.endsWith('\n') ? 1 : 0);
         return text;

@@ -94,16 +94,18 @@ constexpr Row rows[] {
     { "list_images", "", "" },
 };
 
-constexpr Row actionRow { "send_input actions", "type string (click, double, move, drag, scroll, text, key)",
-                          "x integer; y integer; toX integer; toY integer; dy integer; value string; "
-                          "key string; modifiers array[string]; button string (left, right)" };
+constexpr Row actionRow {
+    "send_input actions", "type string (click, double, move, drag, scroll, text, key)",
+    "x integer; y integer; toX integer; toY integer; dy integer; value string; "
+    "key string; modifiers array[string]; button string (left, right)"
+};
 
 QJsonArray catalogue()
 {
     QFile file(QStringLiteral(CONTRACT_PATH));
     return file.open(QIODevice::ReadOnly)
-            ? QJsonDocument::fromJson(file.readAll())["tools"_L1].toArray()
-            : QJsonArray();
+                   ? QJsonDocument::fromJson(file.readAll())["tools"_L1].toArray()
+                   : QJsonArray();
 }
 
 QString typeOf(const QJsonObject &schema)
@@ -136,7 +138,8 @@ void checkSchema(const QJsonObject &schema, const Row &row)
         const QString where = QString::fromLatin1(row.name) + u'.' + it.key();
         const QStringList keys = property.keys();
         QVERIFY2(keywords.contains(QSet<QString>(keys.begin(), keys.end())), qPrintable(where));
-        QVERIFY2(property.contains("items"_L1) == (property["type"_L1] == "array"_L1), qPrintable(where));
+        QVERIFY2(property.contains("items"_L1) == (property["type"_L1] == "array"_L1),
+                 qPrintable(where));
         QVERIFY2(text.endsWith(u'.') && text.size() <= MaxPropertyText, qPrintable(where));
         if (requiredNames.contains(it.key()))
             continue;
@@ -191,7 +194,8 @@ private Q_SLOTS:
     {
         for (const QJsonValue &tool : catalogue()) {
             if (tool["name"_L1].toString() == "send_input"_L1)
-                checkSchema(tool["inputSchema"_L1]["properties"_L1]["actions"_L1]["items"_L1].toObject(),
+                checkSchema(tool["inputSchema"_L1]["properties"_L1]["actions"_L1]["items"_L1]
+                                    .toObject(),
                             actionRow);
         }
     }
@@ -214,24 +218,34 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<int>("count");
-        QTest::newRow("launch_app") << u"\"Launch the Orrery app (visible, foreground). Idempotent — reports "
-                                       "already-running. Required before VM tools can be used.\""_s << 1;
-        QTest::newRow("quit_app") << u"\"Quit the Orrery app. This is the AI-control kill switch: it closes "
-                                     "every VM console and drops all AI access. Use mode:force only if a "
-                                     "graceful quit fails.\""_s << 1;
-        QTest::newRow("app_status")
-                << u"\"Report whether the Orrery app is running, whether its control socket is reachable, and "
-                   "the RUNNING app's version/build (read live from its bundle, so it stays correct after an "
-                   "auto-update swaps the app mid-session). Returns running, pid, socketReachable, version "
-                   "(CFBundleShortVersionString), build (CFBundleVersion, the integer the auto-updater "
-                   "compares), and bundleId. Use version/build to state exactly which build a test was run "
-                   "against.\""_s << 1;
+        QTest::newRow("launch_app")
+                << u"\"Launch the Orrery app (visible, foreground). Idempotent — reports "
+                   "already-running. Required before VM tools can be used.\""_s
+                << 1;
+        QTest::newRow("quit_app")
+                << u"\"Quit the Orrery app. This is the AI-control kill switch: it closes "
+                   "every VM console and drops all AI access. Use mode:force only if a "
+                   "graceful quit fails.\""_s
+                << 1;
+        QTest::newRow("app_status") << u"\"Report whether the Orrery app is running, whether its "
+                                       u"control socket is reachable, and "
+                                       "the RUNNING app's version/build (read live from its "
+                                       "bundle, so it stays correct after an "
+                                       "auto-update swaps the app mid-session). Returns running, "
+                                       "pid, socketReachable, version "
+                                       "(CFBundleShortVersionString), build (CFBundleVersion, the "
+                                       "integer the auto-updater "
+                                       "compares), and bundleId. Use version/build to state "
+                                       "exactly which build a test was run "
+                                       "against.\""_s
+                                    << 1;
         QTest::newRow("quit mode") << u"\"Quit mode. Default graceful.\""_s << 1;
         QTest::newRow("job_wait limit") << u"\"Max seconds to block. Default 120.\""_s << 1;
         QTest::newRow("confirm") << u"\"Must be true to proceed.\""_s << 2;
         QTest::newRow("first id") << u"\"VM id (its bundle path, from list_vms).\""_s << 1;
         QTest::newRow("other ids") << u"\"VM id.\""_s << 30;
-        QTest::newRow("job ids") << u"\"Job id, from create_vm with async:true or from list_jobs.\""_s << 2;
+        QTest::newRow("job ids")
+                << u"\"Job id, from create_vm with async:true or from list_jobs.\""_s << 2;
     }
 
     void keepsTheFixedTexts()

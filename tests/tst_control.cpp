@@ -17,10 +17,7 @@ class tst_control : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void namesThePipeByTheRealUser()
-    {
-        QCOMPARE(pipeName(), u"orrery-control-%1"_s.arg(getuid()));
-    }
+    void namesThePipeByTheRealUser() { QCOMPARE(pipeName(), u"orrery-control-%1"_s.arg(getuid())); }
 
     void tellsThePeerOfAConnectedSocketOnly()
     {
@@ -75,7 +72,8 @@ private Q_SLOTS:
         QVERIFY(!isSiblingProcess(0, u"no such file"_s));
 
         const QTemporaryDir dir;
-        QProcess child; // its file and the sibling are both gone: two unknown paths are not the same
+        QProcess
+                child; // its file and the sibling are both gone: two unknown paths are not the same
         QVERIFY(QFile::copy(u"/bin/sleep"_s, dir.filePath(u"gone"_s)));
         child.start(dir.filePath(u"gone"_s), { u"60"_s });
         QVERIFY(child.waitForStarted() && QFile::remove(dir.filePath(u"gone"_s)));
@@ -100,7 +98,8 @@ private Q_SLOTS:
         const QString image = QCoreApplication::applicationFilePath();
         QTest::newRow("inside") << own << image << image;
         QTest::newRow("in a folder above") << QFileInfo(own).path() << image << image;
-        QTest::newRow("not canonical") << own + u"/."_s << own + u"/../tests/tst_control"_s << image;
+        QTest::newRow("not canonical")
+                << own + u"/."_s << own + u"/../tests/tst_control"_s << image;
         QTest::newRow("another folder") << u"/usr"_s << image << QString();
         QTest::newRow("a folder whose name begins alike") << own.chopped(1) << image << QString();
         QTest::newRow("no such folder") << u"/no/such"_s << image << QString();

@@ -28,7 +28,8 @@ private Q_SLOTS:
         QTest::addColumn<unsigned long>("pid");
         QTest::newRow("no process") << 0UL;
         QTest::newRow("unused") << 0x7ffffffeUL;
-        QTest::newRow("own id when cut to 32 bits") << (1UL << 32) + static_cast<unsigned long>(getpid());
+        QTest::newRow("own id when cut to 32 bits")
+                << (1UL << 32) + static_cast<unsigned long>(getpid());
     }
 
     void anEmptyHandleIsQuiet()

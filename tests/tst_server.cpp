@@ -15,25 +15,25 @@ QByteArray pong(const QByteArray &id)
 QByteArray methodNotFound(const QByteArray &id, const QByteArray &method)
 {
     return R"({"error":{"code":-32601,"message":"Method not found: )" + method + R"("},"id":)" + id
-            + R"(,"jsonrpc":"2.0"})";
+           + R"(,"jsonrpc":"2.0"})";
 }
 
 QByteArray initialized(const QByteArray &version)
 {
     return R"({"id":1,"jsonrpc":"2.0","result":{"capabilities":{"logging":{},"tools":{}},"protocolVersion":")"
-            + version + R"(","serverInfo":{"name":"orrery","version":"0.1.0"}}})";
+           + version + R"(","serverInfo":{"name":"orrery","version":"0.1.0"}}})";
 }
 
 QByteArray textResult(const QByteArray &text, bool isError)
 {
     return R"({"content":[{"text":")" + text + R"(","type":"text"}],"isError":)"
-            + (isError ? "true}" : "false}");
+           + (isError ? "true}" : "false}");
 }
 
 QByteArray eventLine(const QByteArray &data)
 {
     return R"({"jsonrpc":"2.0","method":"notifications/message","params":{"data":)" + data
-            + R"(,"level":"info","logger":"orrery"}})";
+           + R"(,"level":"info","logger":"orrery"}})";
 }
 
 QByteArray cancelled(const QByteArray &requestId)
@@ -89,22 +89,28 @@ void tst_server::answersLines_data()
     row("ping, string id", "{\"id\":\"a\\u00e9\\n\",\"method\":\"ping\"}\n", pong("\"aé\\n\""));
     row("ping, null id", "{\"id\":null,\"method\":\"ping\"}\n", pong("null"));
     row("ping, fractional id", "{\"id\":2.5,\"method\":\"ping\"}\n", pong("2.5"));
-    row("ping, large id", "{\"id\":9007199254740993,\"method\":\"ping\"}\n", pong("9007199254740993"));
+    row("ping, large id", "{\"id\":9007199254740993,\"method\":\"ping\"}\n",
+        pong("9007199254740993"));
     row("ping, id of an object", "{\"id\":{\"b\":1,\"a\":[]},\"method\":\"ping\"}\n",
         pong("{\"a\":[],\"b\":1}"));
     for (const char *method : { "ping", "initialize", "tools/list", "no/such" })
         row(method, QByteArray("{\"method\":\"") + method + "\",\"jsonrpc\":\"2.0\"}\n", "");
     row("tools/call without id",
-        R"({"method":"tools/call","params":{"name":"no such tool"}})" "\n", "");
+        R"({"method":"tools/call","params":{"name":"no such tool"}})"
+        "\n",
+        "");
     row("unknown method", "{\"id\":1,\"method\":\"Ping\"}\n", methodNotFound("1", "Ping"));
     row("the logging level", "{\"id\":1,\"method\":\"logging/setLevel\"}\n",
         methodNotFound("1", "logging/setLevel"));
     row("no method", "{\"id\":1}\n", methodNotFound("1", ""));
     row("method of another type", "{\"id\":1,\"method\":7}\n", methodNotFound("1", ""));
-    row("cancelled as a request", R"({"id":1,"method":"notifications/cancelled"})" "\n",
+    row("cancelled as a request",
+        R"({"id":1,"method":"notifications/cancelled"})"
+        "\n",
         methodNotFound("1", "notifications/cancelled"));
     row("nothing to cancel",
-        cancelled("-1") + '\n' + cancelled("-2") + '\n' + cancelled("1") + '\n' + cancelled("\"1\"") + '\n',
+        cancelled("-1") + '\n' + cancelled("-2") + '\n' + cancelled("1") + '\n' + cancelled("\"1\"")
+                + '\n',
         "");
     for (const char *version : { "2024-11-05", "2025-03-26", "2025-06-18" })
         row(version,
@@ -113,7 +119,8 @@ void tst_server::answersLines_data()
             initialized(version));
     for (const char *version : { "\"2025-06-18 \"", "\"2099-01-01\"", "20250618", "null" })
         row(version,
-            R"({"id":1,"method":"initialize","params":{"protocolVersion":)" + QByteArray(version) + "}}\n",
+            R"({"id":1,"method":"initialize","params":{"protocolVersion":)" + QByteArray(version)
+                    + "}}\n",
             initialized("2024-11-05"));
     row("initialize without params", "{\"id\":1,\"method\":\"initialize\"}\n",
         initialized("2024-11-05"));
@@ -168,50 +175,114 @@ void tst_server::relaysACall_data()
                         const QByteArray &events = {}) {
         QTest::newRow(name) << answer << events << result;
     };
-    const QByteArray done = R"({"id":$id,"result":1})" "\n";
+    const QByteArray done = R"({"id":$id,"result":1})"
+                            "\n";
     const QByteArray one = textResult("1", false);
 
-    row("object", R"({"result":{"b":1,"a":[true,{}]},"id":$id})" "\n",
-        textResult(R"({\n    \"a\": [\n        true,\n        {\n        }\n    ],\n    \"b\": 1\n})", false));
-    row("array", R"({"id":$id,"result":[1]})" "\n", textResult(R"([\n    1\n])", false));
-    row("string", R"({"id":$id,"result":" \"a\" é "})" "\n", textResult(R"( \"a\" é )", false));
-    row("number", R"({"id":$id,"result":2.5})" "\n", textResult("2.5", false));
-    row("boolean", R"({"id":$id,"result":false})" "\n", textResult("false", false));
-    row("null", R"({"id":$id,"result":null})" "\n", textResult("", false));
-    row("lone surrogate", R"({"id":$id,"result":"\ud800"})" "\n", textResult("\\ud800", false));
+    row("object",
+        R"({"result":{"b":1,"a":[true,{}]},"id":$id})"
+        "\n",
+        textResult(
+                R"({\n    \"a\": [\n        true,\n        {\n        }\n    ],\n    \"b\": 1\n})",
+                false));
+    row("array",
+        R"({"id":$id,"result":[1]})"
+        "\n",
+        textResult(R"([\n    1\n])", false));
+    row("string",
+        R"({"id":$id,"result":" \"a\" é "})"
+        "\n",
+        textResult(R"( \"a\" é )", false));
+    row("number",
+        R"({"id":$id,"result":2.5})"
+        "\n",
+        textResult("2.5", false));
+    row("boolean",
+        R"({"id":$id,"result":false})"
+        "\n",
+        textResult("false", false));
+    row("null",
+        R"({"id":$id,"result":null})"
+        "\n",
+        textResult("", false));
+    row("lone surrogate",
+        R"({"id":$id,"result":"\ud800"})"
+        "\n",
+        textResult("\\ud800", false));
 
     const auto image = [](const QByteArray &type, const QByteArray &rest) {
         return R"({"content":[{"data":"QUJD+/==","mimeType":"image/)" + type
-                + R"(","type":"image"},{"text":"{\n)" + rest + R"(}","type":"text"}],"isError":false})";
+               + R"(","type":"image"},{"text":"{\n)" + rest
+               + R"(}","type":"text"}],"isError":false})";
     };
-    row("jpeg", R"({"id":$id,"result":{"imageBase64":"QUJD+/==","format":"jpeg","width":3}})" "\n",
+    row("jpeg",
+        R"({"id":$id,"result":{"imageBase64":"QUJD+/==","format":"jpeg","width":3}})"
+        "\n",
         image("jpeg", R"(    \"format\": \"jpeg\",\n    \"width\": 3\n)"));
-    row("JPEG", R"({"id":$id,"result":{"imageBase64":"QUJD+/==","format":"JPEG"}})" "\n",
+    row("JPEG",
+        R"({"id":$id,"result":{"imageBase64":"QUJD+/==","format":"JPEG"}})"
+        "\n",
         image("png", R"(    \"format\": \"JPEG\"\n)"));
-    row("nothing but an image", R"({"id":$id,"result":{"imageBase64":"QUJD+/=="}})" "\n",
+    row("nothing but an image",
+        R"({"id":$id,"result":{"imageBase64":"QUJD+/=="}})"
+        "\n",
         image("png", ""));
-    row("an empty image", R"({"id":$id,"result":{"imageBase64":""}})" "\n",
+    row("an empty image",
+        R"({"id":$id,"result":{"imageBase64":""}})"
+        "\n",
         textResult(R"({\n    \"imageBase64\": \"\"\n})", false));
-    row("an image of another type", R"({"id":$id,"result":{"imageBase64":7}})" "\n",
+    row("an image of another type",
+        R"({"id":$id,"result":{"imageBase64":7}})"
+        "\n",
         textResult(R"({\n    \"imageBase64\": 7\n})", false));
 
-    row("error", R"({"id":$id,"error":{"code":"%2","message":"%1 bad","data":1},"result":2})" "\n",
+    row("error",
+        R"({"id":$id,"error":{"code":"%2","message":"%1 bad","data":1},"result":2})"
+        "\n",
         textResult("Orrery error [%2]: %1 bad", true));
-    row("error with a numeric code", R"({"id":$id,"error":{"code":7,"message":"m"}})" "\n",
+    row("error with a numeric code",
+        R"({"id":$id,"error":{"code":7,"message":"m"}})"
+        "\n",
         textResult("Orrery error []: m", true));
-    row("error that is null", R"({"id":$id,"error":null})" "\n", textResult("Orrery error []: ", true));
-    row("error that is a string", R"({"id":$id,"error":"x"})" "\n",
+    row("error that is null",
+        R"({"id":$id,"error":null})"
+        "\n",
+        textResult("Orrery error []: ", true));
+    row("error that is a string",
+        R"({"id":$id,"error":"x"})"
+        "\n",
         textResult("Orrery error []: ", true));
 
-    row("answers to others", R"({"id":1,"result":0})" "\n" R"({"id":"$id","result":0})" "\n"
-        R"({"id":$id.5,"error":0})" "\n" R"({"result":0})" "\n" + done, one);
-    row("whole number with a fraction", R"({"id":$id.0,"result":1})" "\n", one);
-    row("events", R"({"method":"e","params":{"p":1}})" "\n" R"({"method":7,"id":$id})" "\n"
-        R"({"params":null})" "\n" + done, one,
+    row("answers to others",
+        R"({"id":1,"result":0})"
+        "\n"
+        R"({"id":"$id","result":0})"
+        "\n"
+        R"({"id":$id.5,"error":0})"
+        "\n"
+        R"({"result":0})"
+        "\n" + done,
+        one);
+    row("whole number with a fraction",
+        R"({"id":$id.0,"result":1})"
+        "\n",
+        one);
+    row("events",
+        R"({"method":"e","params":{"p":1}})"
+        "\n"
+        R"({"method":7,"id":$id})"
+        "\n"
+        R"({"params":null})"
+        "\n" + done,
+        one,
         eventLine(R"({"detail":{"p":1},"event":"e"})") + '\n' + eventLine(R"({"event":7})") + '\n'
                 + eventLine(R"({"detail":null})") + '\n');
-    row("lines that are no objects", "\n[1]\nx\n7\n\xc3\n" + done, one, (eventLine("{}") + '\n').repeated(5));
-    row("carriage return", R"({"id":$id,"result":1})" "\r\n", one);
+    row("lines that are no objects", "\n[1]\nx\n7\n\xc3\n" + done, one,
+        (eventLine("{}") + '\n').repeated(5));
+    row("carriage return",
+        R"({"id":$id,"result":1})"
+        "\r\n",
+        one);
 }
 
 void tst_server::relaysACall()
@@ -247,8 +318,8 @@ void tst_server::sendsWhatTheClientSent()
     const Installation home;
     const Application app(home);
     Server server(home);
-    server.send(R"({"id":1,"method":"tools/call","params":{"name":"job_wait","arguments":)" + arguments
-                + "}}");
+    server.send(R"({"id":1,"method":"tools/call","params":{"name":"job_wait","arguments":)"
+                + arguments + "}}");
     QVERIFY(!server.line().isEmpty());
     QCOMPARE(home.read(u"received"_s).split('\n').value(1),
              R"({"id":2,"method":"job_wait","params":)" + params + "}");
@@ -264,7 +335,8 @@ void tst_server::introducesItself_data()
     const QString empty = u""_s;
     QTest::newRow("nothing known") << none << none << QByteArray() << u"MCP client"_s;
     QTest::newRow("by initialize") << none << none << QByteArray("\"abc\"") << u"abc"_s;
-    QTest::newRow("by the last initialize") << none << none << QByteArray("\"abc\",7") << u"MCP client"_s;
+    QTest::newRow("by the last initialize")
+            << none << none << QByteArray("\"abc\",7") << u"MCP client"_s;
     QTest::newRow("by the variable") << none << u"v"_s << QByteArray("\"abc\"") << u"v"_s;
     QTest::newRow("by the empty variable") << none << empty << QByteArray("\"abc\"") << empty;
     QTest::newRow("by the own variable") << u"o"_s << u"v"_s << QByteArray("\"abc\"") << u"o"_s;
@@ -305,16 +377,17 @@ void tst_server::failsAndConnectsAgain_data()
     QTest::newRow("closed") << QByteArray(R"([{"close":1}])") << closed;
     QTest::newRow("closed within a line")
             << QByteArray(R"([{"send":"{\"id\":$id,\"result\":{}}"},{"close":1}])") << closed;
-    QTest::newRow("ended within a line") << QByteArray(R"([{"send":"{\"id\":$id,"},{"exit":1}])")
-                                         << closed;
+    QTest::newRow("ended within a line")
+            << QByteArray(R"([{"send":"{\"id\":$id,"},{"exit":1}])") << closed;
     QTest::newRow("answered and closed")
             << QByteArray(R"([{"send":"{\"id\":$id,\"result\":\"last words\"}\n"},{"close":1}])")
             << u"last words"_s;
-    QTest::newRow("answered, more, and ended")
-            << QByteArray(R"([{"send":"{\"id\":$id,\"result\":\"last words\"}\n{\"met"},{"exit":1}])")
-            << u"last words"_s;
-    QTest::newRow("an endless line") << QByteArray(R"([{"fill":270000000}])")
-                                     << u"Orrery call failed: Orrery sent a line of more than 256 MiB"_s;
+    QTest::newRow("answered, more, and ended") << QByteArray(
+            R"([{"send":"{\"id\":$id,\"result\":\"last words\"}\n{\"met"},{"exit":1}])")
+                                               << u"last words"_s;
+    QTest::newRow("an endless line")
+            << QByteArray(R"([{"fill":270000000}])")
+            << u"Orrery call failed: Orrery sent a line of more than 256 MiB"_s;
     QTest::newRow("a line too long, with its end")
             << QByteArray(R"([{"fill":268435457},{"send":"\n"}])")
             << u"Orrery call failed: Orrery sent a line of more than 256 MiB"_s;
@@ -331,7 +404,8 @@ void tst_server::failsAndConnectsAgain()
     QCOMPARE(resultText(server.callSteps(steps)), text);
     QTRY_VERIFY(app.openFiles() <= idle); // it has closed its end
     // Launched anew where it ended; the new connection begins with a hello and an empty buffer.
-    const QJsonObject next = server.callSteps(R"([{"send":"{\"id\":$id,\"result\":\"fresh\"}\n"}])");
+    const QJsonObject next
+            = server.callSteps(R"([{"send":"{\"id\":$id,\"result\":\"fresh\"}\n"}])");
     QCOMPARE(resultText(next), u"fresh"_s);
     QStringList methods;
     QList<int> ids;
@@ -374,7 +448,8 @@ void tst_server::relaysALargeRequestAndAnswer()
     Server server(home);
     const QString large(4'000'000, u'x');
     // The fake answers with the request: both directions are full at the same time.
-    QCOMPARE(resultObject(server.call(u"get_vm"_s, { { u"large"_s, large } }))["params"_L1]["large"_L1],
+    QCOMPARE(resultObject(
+                     server.call(u"get_vm"_s, { { u"large"_s, large } }))["params"_L1]["large"_L1],
              QJsonValue(large));
 }
 
@@ -458,7 +533,8 @@ void tst_server::passesManyEventsOnInOrder()
                              R"({"send":"{\"id\":$id,\"result\":1}\n"}])";
     server.send(toolCall(1, u"get_vm"_s, withSteps(steps)));
     for (int n = 0; n < Count; ++n) {
-        if (const QByteArray line = server.line(); line != eventLine("{\"event\":" + QByteArray::number(n) + "}"))
+        if (const QByteArray line = server.line();
+            line != eventLine("{\"event\":" + QByteArray::number(n) + "}"))
             QFAIL(line.constData());
     }
     QCOMPARE(resultText(parsed(server.line())), u"1"_s);
