@@ -63,9 +63,17 @@ QJsonArray imagesFor(bool macOS)
     if (macOS)
         return { image(u"macos-15.1"_s, u"macOS"_s, u"15.1"_s, true),
                  image(u"macos-14.6"_s, u"macOS"_s, u"14.6"_s, false) };
-    return { image(u"debian-12"_s, u"linux"_s, u"Debian 12"_s, true),
-             image(u"windows-11"_s, u"windows"_s, u"Windows 11"_s, false),
-             image(u"ubuntu-24.04"_s, u"linux"_s, u"Ubuntu 24.04"_s, false) };
+    return { image(u"ubuntu-24.04"_s, u"linux"_s, u"Ubuntu 24.04"_s, false),
+             image(u"debian-12"_s, u"linux"_s, u"Debian 12"_s, true),
+             image(u"windows-11"_s, u"windows"_s, u"Windows 11"_s, false) };
+}
+
+QString newestImage(const QString &os)
+{
+    const QJsonArray images = imagesFor(os == "macOS"_L1);
+    const auto found = std::find_if(images.begin(), images.end(),
+                                    [&](const auto &image) { return image["os"_L1] == os; });
+    return found == images.end() ? QString() : (*found)["imageId"_L1].toString();
 }
 
 // --- Arguments, checked against the catalogue's schemas and the limits that its prose states
@@ -310,7 +318,7 @@ QJsonObject Host::addMachine(const QJsonObject &arguments)
           os == "linux"_L1 ? arguments["linuxNetworkDriver"_L1].toString(u"builtin"_s)
                            : QJsonValue() },
         { u"installerMedia"_s,
-          installed ? QJsonValue() : arguments["image"_L1].toString(os + " installer"_L1) },
+          installed ? QJsonValue() : arguments["image"_L1].toString(newestImage(os)) },
         { u"installed"_s, installed },
         { u"guestTools"_s, arguments["unattended"_L1].toBool() ? u"1.0"_s : QJsonValue() },
         { u"attachLinuxGuestTools"_s, false },
