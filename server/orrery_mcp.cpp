@@ -12,6 +12,8 @@
 #include "host_process.h"
 #include "orrery_control.h"
 
+#include <QCborMap>
+#include <QCborValue>
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
@@ -27,6 +29,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <csignal>
@@ -40,6 +43,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -65,10 +69,12 @@ constexpr int QuitRequestMs = 5'000;
 constexpr int QuitExitMs = 10'000;
 constexpr int KillExitMs = 5'000;
 
+constexpr std::chrono::milliseconds QuietTime { 500 };
+
 // Sizes in bytes.
 constexpr qsizetype InputChunkBytes = 65'536;
 constexpr qsizetype MaxPipeLineBytes = 268'435'456;
-constexpr qint64 PipeReadAheadBytes = 1'048'576;
+constexpr qsizetype PipeChunkBytes = 1'048'576; // read ahead or written at a time, at most
 
 constexpr qint64 NoCall = -1;
 constexpr int ParseError = -32700;
@@ -147,18 +153,45 @@ std::optional<QByteArray> takeLine(QByteArray &buffer, qsizetype &searched)
 
 // --- Writing and replies
 
-// The only way to standard output: one object, one line, whole. Any thread.
-void writeMessage(const QJsonObject &message)
+// The only way to standard output: a whole line with its line feed. Any thread.
+void writeLine(const QByteArray &line)
 {
-    const QByteArray line = QJsonDocument(message).toJson(QJsonDocument::Compact) + '\n';
     const std::lock_guard lock(g_out);
     writeOutput(line);
 }
 
-// An undefined id leaves the member out.
+void writeMessage(const QJsonObject &message)
+{
+    writeLine(QJsonDocument(message).toJson(QJsonDocument::Compact).append('\n'));
+}
+
+// The JSON text of any value, which QJsonDocument gives of objects and arrays only.
+QByteArray compactJson(const QJsonValue &value)
+{
+    QByteArray text = QJsonDocument(QJsonArray { value }).toJson(QJsonDocument::Compact);
+    text.chop(1);
+    return text.remove(0, 1);
+}
+
+// A success response around a result that is JSON text already, in parts: the bytes that
+// writeMessage() makes of the same object, without taking the result apart again. An undefined id
+// leaves the member out.
+void replyText(const QJsonValue &id, std::initializer_list<QByteArrayView> result)
+{
+    QByteArray line = id.isUndefined() ? "{" : "{\"id\":" + compactJson(id) + ',';
+    qsizetype size = line.size() + 64;
+    for (const QByteArrayView part : result)
+        size += part.size();
+    line.reserve(size);
+    line.append(R"("jsonrpc":"2.0","result":)");
+    for (const QByteArrayView part : result)
+        line.append(part);
+    writeLine(line.append("}\n"));
+}
+
 void reply(const QJsonValue &id, const QJsonObject &result)
 {
-    writeMessage({ { u"jsonrpc"_s, u"2.0"_s }, { u"id"_s, id }, { u"result"_s, result } });
+    replyText(id, { QJsonDocument(result).toJson(QJsonDocument::Compact) });
 }
 
 void replyError(const QJsonValue &id, int code, const QString &message)
@@ -178,7 +211,8 @@ QString jsonText(const QJsonValue &value)
         document.setArray(value.toArray());
     else
         return value.toVariant().toString();
-    return QString::fromUtf8(document.toJson(QJsonDocument::Indented)).trimmed();
+    QString text = QString::fromUtf8(document.toJson(QJsonDocument::Indented));
+    return std::move(text).trimmed();
 }
 
 // --- The stdin reader thread and its queue
@@ -201,11 +235,18 @@ public:
         changed.notify_one();
     }
 
-    // Waits for the next request; nothing once input has ended and every request was taken.
+    // Waits for the next request; nothing once input has ended and every request was taken. When
+    // none comes for a while, the memory that large messages took goes back to the system.
     std::optional<QJsonObject> take()
     {
         std::unique_lock lock(mutex);
-        changed.wait(lock, [this] { return inputEnded || !requests.empty(); });
+        const auto ready = [this] { return inputEnded || !requests.empty(); };
+        if (!changed.wait_for(lock, QuietTime, ready)) {
+            lock.unlock();
+            malloc_trim(0);
+            lock.lock();
+            changed.wait(lock, ready);
+        }
         if (requests.empty())
             return {};
         QJsonObject request = std::move(requests.front());
@@ -247,7 +288,7 @@ void receiveLine(QByteArray line, RequestQueue &queue)
     const QString method = message.value("method"_L1).toString();
     const auto id = message.constFind("id"_L1);
     if (method == "ping"_L1 && id != message.constEnd()) {
-        reply(*id, {});
+        replyText(*id, { "{}" });
         return;
     }
     if (method == "notifications/cancelled"_L1 && cancelInFlight(message))
@@ -329,7 +370,7 @@ bool pipeReachable()
 class Pipe
 {
 public:
-    Pipe() { sock.setReadBufferSize(PipeReadAheadBytes); }
+    Pipe() { sock.setReadBufferSize(PipeChunkBytes); }
 
     // Whether the connection stands. Notices an end that came since it was last used, without
     // reading: what the application sent is still there for the next call.
@@ -437,14 +478,18 @@ bool Pipe::greet(int helloTimeoutMs)
 
 bool Pipe::send(const QByteArray &line)
 {
-    if (sock.write(line) != line.size())
-        return false;
-    // waitForBytesWritten() is content with the first part of a large request.
+    // In pieces, because the socket copies what it cannot write at once.
     const QDeadlineTimer deadline(WriteLimitMs);
-    while (sock.bytesToWrite() > 0) {
-        if (deadline.hasExpired()
-            || !sock.waitForBytesWritten(static_cast<int>(deadline.remainingTime())))
+    for (qsizetype sent = 0; sent < line.size(); sent += PipeChunkBytes) {
+        const qsizetype size = std::min(PipeChunkBytes, line.size() - sent);
+        if (sock.write(line.constData() + sent, size) != size)
             return false;
+        // waitForBytesWritten() is content with the first part of a piece.
+        while (sock.bytesToWrite() > 0) {
+            if (deadline.hasExpired()
+                || !sock.waitForBytesWritten(static_cast<int>(deadline.remainingTime())))
+                return false;
+        }
     }
     return true;
 }
@@ -467,12 +512,10 @@ void relayEvent(const QJsonObject &event)
 {
     const QJsonObject data { { u"event"_s, event["method"_L1] },
                              { u"detail"_s, event["params"_L1] } };
-    const QJsonObject params { { u"level"_s, u"info"_s },
-                               { u"logger"_s, u"orrery"_s },
-                               { u"data"_s, data } };
-    writeMessage({ { u"jsonrpc"_s, u"2.0"_s },
-                   { u"method"_s, u"notifications/message"_s },
-                   { u"params"_s, params } });
+    writeLine(R"({"jsonrpc":"2.0","method":"notifications/message","params":{"data":)"
+              + QJsonDocument(data).toJson(QJsonDocument::Compact)
+              + R"(,"level":"info","logger":"orrery"}})"
+                "\n");
 }
 
 bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *response,
@@ -488,7 +531,7 @@ bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *r
     const QJsonObject request { { u"id"_s, nextId },
                                 { u"method"_s, method },
                                 { u"params"_s, params } };
-    if (!send(QJsonDocument(request).toJson(QJsonDocument::Compact) + '\n'))
+    if (!send(QJsonDocument(request).toJson(QJsonDocument::Compact).append('\n')))
         return drop(u"write to Orrery failed"_s);
 
     QElapsedTimer timer;
@@ -571,37 +614,50 @@ bool launchApp(QString *error)
 
 // --- Tool results
 
-void replyToolContent(const QJsonValue &id, const QJsonArray &content, bool isError)
-{
-    reply(id, { { u"content"_s, content }, { u"isError"_s, isError } });
-}
-
-QJsonObject textBlock(const QString &text)
-{
-    return { { u"type"_s, u"text"_s }, { u"text"_s, text } };
-}
-
 void replyToolText(const QJsonValue &id, const QString &text, bool isError)
 {
-    replyToolContent(id, { textBlock(text) }, isError);
+    replyText(id, { R"({"content":[{"text":)", compactJson(text), R"(,"type":"text"}],"isError":)",
+                    isError ? "true}" : "false}" });
+}
+
+// The JSON text of a string value. Where nothing needs escaping, as in a picture in base64, it is
+// the string's CBOR form but for what stands around it; QJsonDocument would widen the string to
+// UTF-16 and go through it by character.
+QByteArray stringJson(const QCborValue &string)
+{
+    QByteArray text = string.toCbor();
+    // RFC 8949, 3: the low five bits are the length, or say how many bytes behind them hold it.
+    const int lengthBits = text.front() & 0x1f;
+    const qsizetype header = 1 + (lengthBits < 24 ? 0 : 1 << (lengthBits - 24));
+    unsigned char escaped = 0;
+    for (const unsigned char c : QByteArrayView(text).sliced(header)) // no way out: vectorised
+        escaped |= (c < 0x20) | (c >= 0x7f) | (c == '"') | (c == '\\');
+    if (escaped)
+        return compactJson(string.toString());
+    text.remove(0, header - 1);
+    text.front() = '"';
+    return text.append('"');
 }
 
 // A value as a tool result: a screenshot in it becomes an image block before the rest as text.
 void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError)
 {
     const QJsonObject object = value.toObject();
-    const QString imageBase64 = object["imageBase64"_L1].toString();
-    if (imageBase64.isEmpty()) {
+    const QCborValue image = QCborMap::fromJsonObject(object).value("imageBase64"_L1);
+    const QByteArray imageJson = image.isString() ? stringJson(image) : QByteArray();
+    if (imageJson.size() <= 2) { // no string, or an empty one
         replyToolText(id, jsonText(value), isError);
         return;
     }
     const bool isJpeg = object["format"_L1].toString() == "jpeg"_L1;
-    QJsonObject rest = object;
-    rest.remove("imageBase64"_L1);
-    const QJsonObject image { { u"type"_s, u"image"_s },
-                              { u"data"_s, imageBase64 },
-                              { u"mimeType"_s, isJpeg ? u"image/jpeg"_s : u"image/png"_s } };
-    replyToolContent(id, { image, textBlock(jsonText(rest)) }, false);
+    QJsonObject rest; // not a copy without the image, which would copy the image first
+    for (auto member = object.begin(); member != object.end(); ++member) {
+        if (member.key() != "imageBase64"_L1)
+            rest.insert(member.key(), member.value());
+    }
+    replyText(id, { R"({"content":[{"data":)", imageJson, R"(,"mimeType":"image/)",
+                    isJpeg ? "jpeg" : "png", R"(","type":"image"},{"text":)",
+                    compactJson(jsonText(rest)), R"(,"type":"text"}],"isError":false})" });
 }
 
 // --- The tools that manage the application's process
@@ -785,6 +841,15 @@ void initialize(const QJsonValue &id, const QJsonObject &params)
     reply(id, result);
 }
 
+// The result of tools/list, made once: the catalogue never changes.
+const QByteArray &toolList()
+{
+    static const QByteArray list
+            = QJsonDocument(QJsonObject { { u"tools"_s, g_contract["tools"_L1] } })
+                      .toJson(QJsonDocument::Compact);
+    return list;
+}
+
 void handle(const QJsonObject &request)
 {
     // A message without an id is a notification: nobody could learn what became of it, so nothing
@@ -798,11 +863,9 @@ void handle(const QJsonObject &request)
     if (method == "initialize"_L1)
         initialize(id, params);
     else if (method == "tools/list"_L1)
-        reply(id, { { u"tools"_s, g_contract["tools"_L1] } });
+        replyText(id, { toolList() });
     else if (method == "tools/call"_L1)
         toolsCall(id, params);
-    else if (method == "ping"_L1)
-        reply(id, {});
     else
         replyError(id, MethodNotFound, u"Method not found: "_s + method);
 }
@@ -829,12 +892,23 @@ bool secureProcess()
     return true;
 }
 
+// Freed memory is kept while messages come, and given back when it is quiet; see RequestQueue.
+// Otherwise malloc maps, zeroes and unmaps every large block anew, which is half of what a large
+// message costs.
+void keepFreedMemory()
+{
+    mallopt(M_MMAP_MAX, 0);
+    mallopt(M_TRIM_THRESHOLD, INT_MAX);
+    mallopt(M_ARENA_MAX, 1); // only the first arena can grow to any size
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
     if (!secureProcess())
         return 1;
+    keepFreedMemory();
     // Standard error is for this program's own diagnostics.
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
     QCoreApplication app(argc, argv);
