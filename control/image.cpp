@@ -35,20 +35,32 @@ QString canonical(const QString &path)
     return path.isEmpty() ? QString() : QFileInfo(path).canonicalFilePath();
 }
 
-// The value of a variable in the environment that a process was started with; null when it is not
-// there or cannot be read.
-QString startEnv(unsigned long pid, const QByteArray &name)
+// The value of a variable in an environment as proc(5) lays it out, null when it is not there.
+QString environValue(const QByteArray &environ, const QByteArray &name)
 {
-    QFile environ(procPath(pid, "environ"_L1));
-    if (!environ.open(QIODevice::ReadOnly))
-        return {};
     const QByteArray entry = name + '=';
-    const QList<QByteArray> entries = environ.read(MaxEnvironBytes).split('\0');
+    const QList<QByteArray> entries = environ.split('\0');
     for (const QByteArray &candidate : entries) {
         if (candidate.startsWith(entry))
             return QString::fromLocal8Bit(candidate.sliced(entry.size()));
     }
     return {};
+}
+
+// The same of the environment that a process was started with; null also when it cannot be read.
+QString startEnv(unsigned long pid, const QByteArray &name)
+{
+    QFile environ(procPath(pid, "environ"_L1));
+    return environ.open(QIODevice::ReadOnly) ? environValue(environ.read(MaxEnvironBytes), name)
+                                             : QString();
+}
+
+// The parent's id in a process's status line, 0 when there is none.
+unsigned long statParent(const QByteArray &stat)
+{
+    // "pid (name) state ppid ...": the name may hold blanks and brackets, so count from its end.
+    const qsizetype nameEnd = stat.lastIndexOf(')');
+    return stat.mid(nameEnd + 2).split(' ').value(1).toULong();
 }
 
 bool sameContents(const QString &a, const QString &b)
@@ -109,11 +121,7 @@ QString parentImagePath(unsigned long pid)
     QFile file(procPath(pid, "stat"_L1));
     if (!file.open(QIODevice::ReadOnly))
         return {};
-    const QByteArray stat = file.readAll();
-    // "pid (name) state ppid ...": the name may hold blanks and brackets, so count from its end.
-    const qsizetype nameEnd = stat.lastIndexOf(')');
-    const QList<QByteArray> fields = stat.mid(nameEnd + 2).split(' ');
-    const unsigned long parent = fields.value(1).toULong();
+    const unsigned long parent = statParent(file.readAll());
     return parent == 0 ? QString() : processImagePath(parent);
 }
 

@@ -296,6 +296,13 @@ void receiveLine(QByteArray line, RequestQueue &queue)
     queue.append(std::move(message));
 }
 
+// The whole lines of what has been read.
+void receiveLines(QByteArray &buffer, qsizetype &searched, RequestQueue &queue)
+{
+    while (std::optional<QByteArray> line = takeLine(buffer, searched))
+        receiveLine(*std::move(line), queue);
+}
+
 // The stdin reader thread: runs until standard input ends.
 void readStdin(RequestQueue &queue)
 {
@@ -308,8 +315,7 @@ void readStdin(RequestQueue &queue)
         buffer.truncate(size + std::max<qint64>(count, 0));
         if (count <= 0)
             break;
-        while (std::optional<QByteArray> line = takeLine(buffer, searched))
-            receiveLine(*std::move(line), queue);
+        receiveLines(buffer, searched, queue);
     }
     // A last line may lack its line feed.
     receiveLine(std::move(buffer), queue);
@@ -518,6 +524,26 @@ void relayEvent(const QJsonObject &event)
                 "\n");
 }
 
+// Works through the lines that came from the application: passes events on and drops answers to
+// others, until there is no whole line left or the response to this request was taken. False when a
+// line is too long.
+bool takeResponse(QByteArray &buffer, qsizetype &searched, int requestId,
+                  std::optional<QJsonObject> *response)
+{
+    while (const std::optional<QByteArray> line = takeLine(buffer, searched)) {
+        if (line->size() > MaxPipeLineBytes)
+            return false;
+        const QJsonObject message = QJsonDocument::fromJson(*line).object();
+        if (!message.contains("result"_L1) && !message.contains("error"_L1)) {
+            relayEvent(message);
+        } else if (message["id"_L1].toInteger(-1) == requestId) {
+            *response = message;
+            return true;
+        }
+    }
+    return buffer.size() <= MaxPipeLineBytes;
+}
+
 bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *response,
                 QString *error, int timeoutMs)
 {
@@ -537,25 +563,19 @@ bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *r
     QElapsedTimer timer;
     timer.start();
     qsizetype searched = 0;
+    std::optional<QJsonObject> taken;
     for (;;) {
         if (timer.elapsed() >= timeoutMs)
             return drop(u"Orrery did not answer in time"_s);
 
         // Before the connection is looked at: a last answer may come together with its end.
         takeInput();
-        while (const std::optional<QByteArray> line = takeLine(readBuffer, searched)) {
-            if (line->size() > MaxPipeLineBytes)
-                return drop(u"Orrery sent a line of more than 256 MiB"_s);
-            const QJsonObject message = QJsonDocument::fromJson(*line).object();
-            if (!message.contains("result"_L1) && !message.contains("error"_L1)) {
-                relayEvent(message);
-            } else if (message["id"_L1].toInteger(-1) == nextId) {
-                *response = message;
-                return true;
-            }
-        }
-        if (readBuffer.size() > MaxPipeLineBytes)
+        if (!takeResponse(readBuffer, searched, nextId, &taken))
             return drop(u"Orrery sent a line of more than 256 MiB"_s);
+        if (taken) {
+            *response = *std::move(taken);
+            return true;
+        }
 
         if (sock.state() != QLocalSocket::ConnectedState) {
             *error = u"Orrery closed the connection"_s;
@@ -779,6 +799,15 @@ int callLimitMs(const QString &tool)
     return tool == "create_vm"_L1 || tool == "job_wait"_L1 ? LongCallLimitMs : CallLimitMs;
 }
 
+// The application's answer to a tool as the answer to the client.
+void replyResponse(const QJsonValue &id, const QJsonObject &response)
+{
+    if (response.contains("error"_L1))
+        replyToolText(id, applicationErrorText(response["error"_L1]), true);
+    else
+        replyToolJSON(id, response["result"_L1], false);
+}
+
 // Relays a tool to the application and answers the client with the outcome.
 void relayTool(const QJsonValue &id, const QString &tool, const QJsonObject &arguments)
 {
@@ -797,12 +826,10 @@ void relayTool(const QJsonValue &id, const QString &tool, const QJsonObject &arg
     g_inFlight.exchange(NoCall);
     g_cancelled.exchange(false);
 
-    if (!answered)
-        replyToolText(id, u"Orrery call failed: "_s + error, true);
-    else if (response.contains("error"_L1))
-        replyToolText(id, applicationErrorText(response["error"_L1]), true);
+    if (answered)
+        replyResponse(id, response);
     else
-        replyToolJSON(id, response["result"_L1], false);
+        replyToolText(id, u"Orrery call failed: "_s + error, true);
 }
 
 void toolsCall(const QJsonValue &id, const QJsonObject &params)
