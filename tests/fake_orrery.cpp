@@ -7,10 +7,12 @@
 //
 //   {"send": "text", "times": N}   the bytes; $id is the request's id, $n counts up
 //   {"fill": N}                    N bytes without a line feed
+//   {"file": "name"}               the contents of a file beside this program
 //   {"wait": MS}, {"close": 1}, {"exit": 1}
 //
-// Every line that it gets is appended to the file "received" beside it. It prints "listening" once
-// it serves, gives way to a living holder of the pipe, and ends by itself after two minutes.
+// Every line that it gets is appended to the file "received" beside it, a byte to "starts" at each
+// start. It prints "listening" once it serves, gives way to a living holder of the pipe, and ends
+// by itself after two minutes.
 
 #include <QCoreApplication>
 #include <QDir>
@@ -86,6 +88,8 @@ bool serve(int fd, const QByteArray &line)
         for (int n = 0; n < step["times"_L1].toInt(1); ++n)
             sendAll(fd, QByteArray(text).replace("$n", QByteArray::number(n)));
         sendAll(fd, QByteArray(step["fill"_L1].toInt(), 'x'));
+        if (QFile file(beside(step["file"_L1].toString())); file.open(QIODevice::ReadOnly))
+            sendAll(fd, file.readAll());
         QThread::msleep(static_cast<unsigned long>(step["wait"_L1].toInt()));
         if (step["exit"_L1].toInt() != 0)
             _exit(0);
@@ -137,7 +141,8 @@ int main(int argc, char *argv[])
 {
     alarm(LifetimeSeconds);
     QCoreApplication app(argc, argv);
-    (void)QCoreApplication::applicationFilePath(); // its file may be gone later
+    if (QFile starts(beside(u"starts"_s)); starts.open(QIODevice::Append))
+        starts.write("x");
     const int listener = listenOnPipe();
     if (listener < 0)
         return 1;

@@ -51,6 +51,7 @@ private Q_SLOTS:
     void runsWithoutStandardStreams_data();
     void runsWithoutStandardStreams();
     void runsWithStandardStreamsThatDoNotBlock();
+    void goesOnWithoutAReader_data();
     void goesOnWithoutAReader();
     void launchesWithoutLeavingTraces();
     void knowsItsPlaceAfterItsFileIsGone();
@@ -73,6 +74,7 @@ void tst_app::knowsItsApplication_data()
     QTest::newRow("a hard link elsewhere") << u"hard link"_s << false << false;
     QTest::newRow("another name") << u"other name"_s << false << false;
     QTest::newRow("by the dynamic loader") << u"loader"_s << false << false;
+    QTest::newRow("by a script of its name") << u"script"_s << false << false;
     QTest::newRow("as another user") << u"other user"_s << false << false;
 }
 
@@ -101,6 +103,11 @@ void tst_app::knowsItsApplication()
     } else if (how == "hard link"_L1) {
         program = home.path(u"other/orrery"_s);
         QCOMPARE(link(qPrintable(sibling), qPrintable(program)), 0);
+    } else if (how == "script"_L1) {
+        const QString real = home.path(u"other/real"_s);
+        QVERIFY(QFile::rename(sibling, real));
+        home.write(u"orrery"_s, "#!/bin/sh\n" + real.toLocal8Bit() + "; exit\n");
+        QVERIFY(QFile::setPermissions(sibling, QFile::ReadOwner | QFile::ExeOwner));
     } else if (how == "loader"_L1) {
         program = u"/lib64/ld-linux-x86-64.so.2"_s;
         arguments = { sibling };
@@ -226,27 +233,42 @@ void tst_app::startsTheAppImageItRunsFrom()
     QCOMPARE(QFile::exists(home.path(u"tmp/image started"_s)), inside);
 }
 
-// What holds the pipe's name while no application runs.
+// What holds the pipe's name while no application runs, and what comes of the first call.
 void tst_app::survivesWhatHoldsTheName_data()
 {
     QTest::addColumn<QString>("what");
-    QTest::newRow("nothing") << u"nothing"_s;
-    QTest::newRow("a dead socket") << u"dead"_s;
+    QTest::addColumn<bool>("launched");
+    QTest::newRow("nothing") << u"nothing"_s << true;
+    QTest::newRow("a dead socket") << u"dead"_s << true;
+    QTest::newRow("a plain file") << u"file"_s << true;
+    QTest::newRow("a link to nowhere") << u"dangling"_s << true;
+    QTest::newRow("a link to another's socket") << u"link"_s << false;
 }
 
 void tst_app::survivesWhatHoldsTheName()
 {
     QFETCH(QString, what);
+    QFETCH(bool, launched);
     const Installation home;
-    if (what == "dead"_L1) {
-        const Application app(home);
-        QVERIFY(app.listening);
-    }
+    const Installation other;
+    std::unique_ptr<Application> stranger;
+    if (what == "dead"_L1)
+        QVERIFY(Application(home).listening);
+    else if (what == "file"_L1)
+        QVERIFY(QFile::copy(QStringLiteral(CONTRACT_PATH), home.pipePath()));
+    else if (what != "nothing"_L1)
+        QVERIFY(QFile::link(other.pipePath(), home.pipePath()));
+    if (what == "link"_L1)
+        stranger = std::make_unique<Application>(other);
+
     Server server(home);
-    QCOMPARE(compact(resultObject(server.call(u"launch_app"_s))),
-             R"({"alreadyRunning":false,"launched":true,"running":true,"socketReady":true})");
-    QVERIFY(!isError(server.call(u"list_vms"_s)));
-    QCOMPARE(home.applications().size(), 1);
+    const QJsonObject answer = server.call(u"list_vms"_s);
+    QCOMPARE(isError(answer), !launched);
+    if (!launched)
+        QCOMPARE(resultText(answer), foreign);
+    QVERIFY(!QFile::exists(other.path(u"received"_s)));
+    if (launched)
+        QCOMPARE(home.applications().size(), 1);
 }
 
 void tst_app::reportsLaunches()
@@ -261,6 +283,8 @@ void tst_app::reportsLaunches()
              R"({"build":null,"bundleId":"app.orrery.Orrery","pid":null,"running":false,)"
              R"("socketReachable":false,"version":null})");
     QVERIFY(QFile::rename(home.path(u"away"_s), home.path(u"orrery"_s)));
+    QCOMPARE(compact(resultObject(server.call(u"launch_app"_s))),
+             R"({"alreadyRunning":false,"launched":true,"running":true,"socketReady":true})");
     QVERIFY(!isError(server.call(u"list_vms"_s)));
     QCOMPARE(compact(resultObject(server.call(u"launch_app"_s))),
              R"({"alreadyRunning":true,"launched":false,"reason":"already running","running":true,)"
@@ -389,25 +413,33 @@ void tst_app::quitsTheApplication()
 
 void tst_app::waitsForAPipeThatDoesNotComeUp()
 {
-    // Runs as the application, and never serves; pings are answered all the while.
-    const Installation home;
-    QVERIFY(QFile::remove(home.path(u"orrery"_s))
-            && QFile::copy(u"/bin/cat"_s, home.path(u"orrery"_s)));
-    Child app(home.path(u"orrery"_s), {}, home.environment);
+    // One runs and never serves; one is started and cannot, because a folder has the pipe's name.
+    // Both take half a minute, so they take it together, and pings are answered all the while.
+    const Installation silent;
+    const Installation blocked;
+    const QString program = silent.path(u"orrery"_s);
+    QVERIFY(QFile::remove(program) && QFile::copy(u"/bin/cat"_s, program));
+    QVERIFY(QDir().mkdir(blocked.pipePath()));
+    Child app(program, {}, silent.environment);
     app.process.start();
     QVERIFY(app.process.waitForStarted());
-    Server server(home);
+    Server silentServer(silent);
+    Server blockedServer(blocked);
     QElapsedTimer timer;
     timer.start();
-    server.send(toolCall(1, u"list_vms"_s));
-    server.send(R"({"id":2,"method":"ping"})");
-    QCOMPARE(parsed(server.line())["id"_L1].toInt(), 2);
-    QCOMPARE(
-            resultText(parsed(server.line())),
-            u"Orrery call failed: Orrery started but its control pipe did not come up within 30 s."_s);
-    QVERIFY(timer.elapsed() >= 33'000);
-    QCOMPARE(home.applications().size(), 1);
-    QCOMPARE(server.process.readAllStandardError(), "");
+    for (Server *server : { &blockedServer, &silentServer }) {
+        server->send(toolCall(1, u"list_vms"_s));
+        server->send(R"({"id":2,"method":"ping"})");
+        QCOMPARE(parsed(server->line())["id"_L1].toInt(), 2);
+    }
+    for (Server *server : { &blockedServer, &silentServer }) {
+        QCOMPARE(resultText(parsed(server->line())),
+                 u"Orrery call failed: Orrery started but its control pipe did not come up within "
+                 "30 s."_s);
+        QVERIFY(timer.elapsed() >= (server == &silentServer ? 33'000 : 30'000));
+        QCOMPARE(server->process.readAllStandardError(), "");
+    }
+    QCOMPARE(silent.applications().size(), 1);
 }
 
 void tst_app::saysWhomItMeetsWhenAsked()
@@ -469,17 +501,27 @@ void tst_app::runsWithStandardStreamsThatDoNotBlock()
     QCOMPARE(server.finish(), 0);
 }
 
+void tst_app::goesOnWithoutAReader_data()
+{
+    QTest::addColumn<bool>("full");
+    QTest::newRow("closed") << false;
+    QTest::newRow("a full device") << true;
+}
+
 void tst_app::goesOnWithoutAReader()
 {
+    QFETCH(bool, full);
     const Installation home;
     const Application app(home);
-    Server server(home);
-    QVERIFY(!isError(server.call(u"list_vms"_s)));
+    Server server(home, [=] {
+        if (full)
+            dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), 1);
+    });
     server.process.closeReadChannel(QProcess::StandardOutput);
     for (int i = 0; i < 20; ++i)
         server.send(toolCall(i, u"get_vm"_s));
     QCOMPARE(server.finish(), 0);
-    QCOMPARE(home.received().size(), 22);
+    QCOMPARE(home.received().size(), 21);
 }
 
 void tst_app::launchesWithoutLeavingTraces()

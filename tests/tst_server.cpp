@@ -2,6 +2,8 @@
 
 #include "harness.h"
 
+#include <QRandomGenerator>
+
 namespace {
 
 QByteArray eventLine(const QByteArray &data)
@@ -57,7 +59,11 @@ private Q_SLOTS:
     void introducesItself();
     void failsAndConnectsAgain_data();
     void failsAndConnectsAgain();
-    void acceptsALineOf256MiB();
+    void survivesACutAnywhere_data();
+    void survivesACutAnywhere();
+    void survivesDamagedLines_data();
+    void survivesDamagedLines();
+    void acceptsLargeLines();
     void anApplicationThatDoesNotReadFailsTheWrite();
     void relaysALargeRequestAndAnswer();
     void eventsAfterTheAnswerComeWithTheNextCall();
@@ -244,11 +250,94 @@ void tst_server::failsAndConnectsAgain()
     QCOMPARE(ids, (QList<int> { 1, 2, 3, 4 }));
 }
 
-void tst_server::acceptsALineOf256MiB()
+// The application's answer cut at every byte, and then nothing more.
+void tst_server::survivesACutAnywhere_data()
+{
+    QTest::addColumn<QByteArray>("end");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("closed") << QByteArray(R"({"close":1})")
+                            << u"Orrery call failed: Orrery closed the connection"_s;
+    QTest::newRow("ended") << QByteArray(R"({"exit":1})")
+                           << u"Orrery call failed: Orrery closed the connection"_s;
+    QTest::newRow("stalled, and cancelled")
+            << QByteArray(R"({"wait":100000})") << u"Orrery call failed: cancelled by the client"_s;
+}
+
+void tst_server::survivesACutAnywhere()
+{
+    QFETCH(QByteArray, end);
+    QFETCH(QString, text);
+    const Installation home;
+    Server server(home);
+    const QString answer = u"{\"id\":$id,\"result\":\"é\"}"_s;
+    for (qsizetype cut = 0; cut <= answer.size(); ++cut) {
+        const QJsonArray steps { QJsonObject { { u"send"_s, u"{\"method\":\"e\"}\n"_s } },
+                                 QJsonObject { { u"send"_s, answer.first(cut) } },
+                                 QJsonDocument::fromJson(end).object() };
+        server.send(toolCall(cut, u"get_vm"_s, { { u"steps"_s, steps } }));
+        QCOMPARE(server.line(), eventLine(R"({"event":"e"})"));
+        if (end.contains("wait"))
+            server.send(cancelled(QByteArray::number(cut)));
+        const QJsonObject failed = parsed(server.line());
+        QCOMPARE(failed["id"_L1].toInteger(), cut);
+        QCOMPARE(resultText(failed), text);
+        home.endApplications();
+        // Nothing of the old connection reaches the new one.
+        QCOMPARE(resultObject(server.call(u"get_vm"_s))["method"_L1], QJsonValue(u"get_vm"_s));
+    }
+}
+
+// Lines that were something once, damaged at random but the same in every run.
+void tst_server::survivesDamagedLines_data()
+{
+    QTest::addColumn<bool>("fromClient");
+    QTest::newRow("from the client") << true;
+    QTest::newRow("from the application") << false;
+}
+
+void tst_server::survivesDamagedLines()
+{
+    QFETCH(bool, fromClient);
+    constexpr int Count = 10'000;
+    const QByteArray good = R"({"id":9,"method":"tools/call","params":{"name":"x","a":[1,"é\n"]}})";
+    QRandomGenerator random(1);
+    QByteArray lines;
+    int answers = 0;
+    for (int i = 0; i < Count; ++i) {
+        QByteArray line = good;
+        for (quint32 n = random.bounded(4); n > 0; --n)
+            line[random.bounded(line.size())] = char(random.bounded(1, 256));
+        line.replace('\n', ' ').replace('\r', ' ').replace('$', ' ');
+        lines += line + '\n';
+        const QJsonDocument document = QJsonDocument::fromJson(line);
+        answers += !document.isObject() || document.object().contains("id"_L1);
+    }
+    const Installation home;
+    const Application app(home);
+    Server server(home);
+    if (fromClient) {
+        server.process.write(lines);
+    } else {
+        home.write(u"raw"_s, lines); // each is an event: there is no "result" or "error" in it
+        server.send(toolCall(9, u"get_vm"_s,
+                             withSteps(R"([{"file":"raw"},)"
+                                       R"({"send":"{\"id\":$id,\"result\":1}\n"}])")));
+    }
+    QCOMPARE(server.finish(), 0);
+    QList<QByteArray> written = server.process.readAllStandardOutput().split('\n');
+    QCOMPARE(written.takeLast(), "");
+    QCOMPARE(written.size(), fromClient ? answers : Count + 1);
+    for (const QByteArray &line : written)
+        QVERIFY2(QJsonDocument::fromJson(line).isObject(), line.constData());
+}
+
+void tst_server::acceptsLargeLines()
 {
     const Installation home;
     const Application app(home);
     Server server(home);
+    server.send(R"({"id":0,"method":"ping","x":")" + QByteArray(64 << 20, 'x') + "\"}");
+    QCOMPARE(parsed(server.line())["id"_L1], QJsonValue(0));
     const QByteArray steps = R"([{"fill":268435456},{"send":"\n{\"id\":$id,\"result\":1}\n"}])";
     server.send(toolCall(1, u"get_vm"_s, withSteps(steps)));
     QCOMPARE(server.line(), eventLine("{}"));
