@@ -27,7 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (QByteArray line : input.toByteArray().split('\n')) {
         line.chop(line.endsWith('\r') ? 1 : 0);
         const QJsonDocument document = QJsonDocument::fromJson(line);
-        expected += !line.isEmpty() && (!document.isObject() || document.object().contains("id"_L1));
+        expected
+                += !line.isEmpty() && (!document.isObject() || document.object().contains("id"_L1));
     }
     if (writtenMessages().size() != expected)
         std::abort();

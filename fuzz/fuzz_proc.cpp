@@ -8,7 +8,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QByteArray bytes(reinterpret_cast<const char *>(data), static_cast<qsizetype>(size));
     const QString value = environValue(bytes, "APPDIR");
     // Nothing can be found that is not there, at the beginning of an entry.
-    if (!value.isNull() && !bytes.startsWith("APPDIR=") && !bytes.contains(QByteArray("\0APPDIR=", 8)))
+    if (!value.isNull() && !bytes.startsWith("APPDIR=")
+        && !bytes.contains(QByteArray("\0APPDIR=", 8)))
         std::abort();
     (void)statParent(bytes);
     // Whatever a process calls itself, its parent is found behind the name.
