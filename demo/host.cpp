@@ -76,7 +76,7 @@ QString newestImage(const QString &os)
     return found == images.end() ? QString() : (*found)["imageId"_L1].toString();
 }
 
-// --- Arguments, checked against the catalogue's schemas and the limits that its prose states
+// Arguments, checked against the catalogue's schemas and the limits that its prose states
 
 struct Range
 {
@@ -240,7 +240,7 @@ QString actionComplaint(const QJsonObject &action, const QSize &screen, double i
 
 } // namespace
 
-// --- Machines
+// Machines
 
 void Machine::note(const QString &line)
 {
@@ -351,7 +351,7 @@ QString Host::hardwareComplaint(const QJsonObject &settings) const
     return {};
 }
 
-// --- Jobs
+// Jobs
 
 QJsonObject *Host::findJob(const QString &jobId)
 {
@@ -429,7 +429,7 @@ void Host::tick()
     }
 }
 
-// --- Tools on one machine
+// Tools on one machine
 
 Answer Host::startVm(Machine &machine)
 {
@@ -598,7 +598,7 @@ Answer Host::runInGuest(const Machine &machine, const QJsonObject &arguments)
                   program + ": not found (the demonstration knows echo, uname, sleep)\n"_L1);
 }
 
-// --- The tables of tools
+// The tables of tools
 
 namespace {
 

@@ -76,6 +76,8 @@ constexpr qsizetype InputChunkBytes = 65'536;
 constexpr qsizetype MaxPipeLineBytes = 268'435'456;
 constexpr qsizetype PipeChunkBytes = 1'048'576; // read ahead or written at a time, at most
 
+constexpr qsizetype EnvelopeBytes = 64; // what stands around a result, but for the id
+
 constexpr qint64 NoCall = -1;
 constexpr int ParseError = -32700;
 constexpr int MethodNotFound = -32601;
@@ -84,12 +86,11 @@ constexpr auto BundleId = "app.orrery.Orrery"_L1;
 
 std::mutex g_out; // standard output, for one message
 std::atomic<qint64> g_inFlight = NoCall; // id of the relayed call; written by the main thread
-std::atomic<bool> g_cancelled
-        = false; // set by the reader for that call, cleared by the main thread
+std::atomic<bool> g_cancelled = false; // that call was; set by the reader, cleared by main
 QJsonObject g_contract; // the catalogue; written before the reader starts, then never
 QString g_clientInfoName; // main thread
 
-// --- Lines and bytes
+// Lines and bytes
 
 // Waits until the descriptor is ready. Only a descriptor in non-blocking mode comes here.
 void waitReady(int descriptor, short events)
@@ -151,7 +152,7 @@ std::optional<QByteArray> takeLine(QByteArray &buffer, qsizetype &searched)
     return line;
 }
 
-// --- Writing and replies
+// Writing and replies
 
 // The only way to standard output: a whole line with its line feed. Any thread.
 void writeLine(const QByteArray &line)
@@ -179,7 +180,7 @@ QByteArray compactJson(const QJsonValue &value)
 void replyText(const QJsonValue &id, std::initializer_list<QByteArrayView> result)
 {
     QByteArray line = id.isUndefined() ? "{" : "{\"id\":" + compactJson(id) + ',';
-    qsizetype size = line.size() + 64;
+    qsizetype size = line.size() + EnvelopeBytes;
     for (const QByteArrayView part : result)
         size += part.size();
     line.reserve(size);
@@ -215,7 +216,7 @@ QString jsonText(const QJsonValue &value)
     return std::move(text).trimmed();
 }
 
-// --- The stdin reader thread and its queue
+// The stdin reader thread and its queue
 
 // What the reader hands to the main thread, in order. Lives in main(), outlives the reader.
 class RequestQueue
@@ -322,7 +323,7 @@ void readStdin(RequestQueue &queue)
     queue.endInput();
 }
 
-// --- The control pipe
+// The control pipe
 
 bool debugging() { return qEnvironmentVariableIsSet("ORRERY_MCP_DEBUG"); }
 
@@ -418,7 +419,7 @@ bool Pipe::isConnected()
         return false;
     // No event is asked for but the end, which counts even while unread bytes are waiting.
     pollfd peer { static_cast<int>(sock.socketDescriptor()), POLLRDHUP, 0 };
-    if (poll(&peer, 1, 0) != 0)
+    if (poll(&peer, 1, 0) > 0)
         sock.abort();
     return sock.state() == QLocalSocket::ConnectedState;
 }
@@ -587,7 +588,7 @@ bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *r
     }
 }
 
-// --- Launching the application
+// Launching the application
 
 QString appExe() { return OrreryControl::siblingPath(OrreryControl::exeName(u"orrery"_s)); }
 
@@ -632,7 +633,7 @@ bool launchApp(QString *error)
     return false;
 }
 
-// --- Tool results
+// Tool results
 
 void replyToolText(const QJsonValue &id, const QString &text, bool isError)
 {
@@ -680,7 +681,7 @@ void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError)
                     compactJson(jsonText(rest)), R"(,"type":"text"}],"isError":false})" });
 }
 
-// --- The tools that manage the application's process
+// The tools that manage the application's process
 
 // An empty text as null.
 QJsonValue textOrNull(const QString &text)
@@ -780,7 +781,7 @@ void quitApp(const QJsonValue &id, const QJsonObject &arguments)
     replyToolJSON(id, outcome, !exited);
 }
 
-// --- The tool router
+// The tool router
 
 bool isCatalogued(const QString &tool)
 {
@@ -848,7 +849,7 @@ void toolsCall(const QJsonValue &id, const QJsonObject &params)
         relayTool(id, tool, arguments);
 }
 
-// --- The dispatcher
+// The dispatcher
 
 void initialize(const QJsonValue &id, const QJsonObject &params)
 {
@@ -897,7 +898,7 @@ void handle(const QJsonObject &request)
         replyError(id, MethodNotFound, u"Method not found: "_s + method);
 }
 
-// --- Start-up
+// Start-up
 
 // Makes the process safe to run under any client: nothing that is opened later lands on a missing
 // standard stream, a client that is gone does not end us by a signal, and descriptors that the
