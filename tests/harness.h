@@ -66,7 +66,6 @@ public:
         QFile::copy(QStringLiteral(SERVER_PATH), path(u"orrery-mcp"_s));
         QFile::copy(QStringLiteral(FAKE_PATH), path(u"orrery"_s));
         environment.insert(u"TMPDIR"_s, path(u"tmp"_s));
-        environment.insert(u"LC_ALL"_s, u"C"_s); // of which Qt likes to complain
         for (const char *variable :
              { "ORRERY_MCP_CLIENT", "MCP_CLIENT_NAME", "ORRERY_MCP_DEBUG", "APPDIR", "APPIMAGE" })
             environment.remove(QString::fromLatin1(variable));
