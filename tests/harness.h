@@ -14,8 +14,8 @@
 
 #include <csignal>
 
-#include <poll.h>
-#include <sys/syscall.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -90,14 +90,20 @@ public:
         return pids;
     }
 
-    // Kills them and waits for their end, by which their connections are closed too.
+    // Kills them and waits until nobody takes connections any more: of a process that ends, the
+    // listening socket may go last, and who comes in between meets a holder that is gone at once.
     void endApplications() const
     {
-        for (const qint64 pid : applications()) {
-            pollfd ended { static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0 };
+        for (const qint64 pid : applications())
             kill(static_cast<pid_t>(pid), SIGKILL);
-            poll(&ended, 1, PatienceMs);
-            close(ended.fd);
+        sockaddr_un address {};
+        address.sun_family = AF_UNIX;
+        qstrncpy(address.sun_path, qPrintable(pipePath()), sizeof address.sun_path);
+        const QDeadlineTimer deadline(PatienceMs);
+        for (bool taken = true; taken && !deadline.hasExpired();) {
+            const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+            taken = connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+            close(fd);
         }
     }
 

@@ -231,10 +231,12 @@ void tst_server::failsAndConnectsAgain()
     QFETCH(QByteArray, steps);
     QFETCH(QString, text);
     const Installation home;
-    const Application app(home);
+    Application app(home);
     const qsizetype idle = app.openFiles();
     Server server(home);
     QCOMPARE(resultText(server.callSteps(steps)), text);
+    if (steps.contains("exit"))
+        QVERIFY(app.process.waitForFinished());
     QTRY_VERIFY(app.openFiles() <= idle); // it has closed its end
     // Launched anew where it ended; the new connection begins with a hello and an empty buffer.
     const QJsonObject next
@@ -283,7 +285,8 @@ void tst_server::survivesACutAnywhere()
         QCOMPARE(resultText(failed), text);
         home.endApplications();
         // Nothing of the old connection reaches the new one.
-        QCOMPARE(resultObject(server.call(u"get_vm"_s))["method"_L1], QJsonValue(u"get_vm"_s));
+        const QString next = resultText(server.call(u"get_vm"_s));
+        QVERIFY2(next.contains(u"\"get_vm\""_s), qPrintable(next));
     }
 }
 
