@@ -52,6 +52,7 @@ private Q_SLOTS:
     void goesOnWithoutAReader_data();
     void goesOnWithoutAReader();
     void launchesWithoutLeavingTraces();
+    void knowsItsPlaceThroughALink();
     void knowsItsPlaceAfterItsFileIsGone();
     void startsOneApplicationWithManyServers();
 };
@@ -544,6 +545,18 @@ void tst_app::launchesWithoutLeavingTraces()
     QFile processStatus(proc + u"status"_s);
     QVERIFY(processStatus.open(QIODevice::ReadOnly));
     QVERIFY(processStatus.readAll().contains("SigIgn:\t0000000000000000"));
+}
+
+void tst_app::knowsItsPlaceThroughALink()
+{
+    // As installed: the link is in bin, the server beside the application.
+    const Installation home;
+    const QString link = home.path(u"tmp/orrery-mcp"_s);
+    QVERIFY(QFile::link(home.path(u"orrery-mcp"_s), link));
+    Child server(link, {}, home.environment);
+    server.process.start();
+    server.process.write(toolCall(1, u"list_vms"_s) + '\n');
+    QVERIFY(!isError(parsed(server.line())));
 }
 
 void tst_app::knowsItsPlaceAfterItsFileIsGone()
