@@ -78,8 +78,9 @@ sockaddr_un pipeAddress()
 {
     sockaddr_un address {};
     address.sun_family = AF_UNIX;
-    const std::string path
-            = std::string(getenv("TMPDIR")) + "/orrery-control-" + std::to_string(getuid());
+    const char *folder = getenv("TMPDIR");
+    const std::string path = (folder ? folder : "/tmp") + std::string("/orrery-control-")
+                             + std::to_string(getuid());
     std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
     return address;
 }

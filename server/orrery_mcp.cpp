@@ -550,6 +550,7 @@ bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *r
 {
     const auto drop = [&](const QString &reason) {
         sock.abort();
+        readBuffer.clear(); // not only with the next connection: it may hold 256 MiB
         *error = reason;
         return false;
     };
