@@ -680,7 +680,7 @@ Answer networkOf()
                             { u"dns"_s, QJsonArray { u"192.0.2.1"_s } } });
 }
 
-// The first matching line of the screen, or an empty list when none matches.
+// The lines of the screen that match.
 QStringList linesMatching(const Machine &machine, const QString &pattern)
 {
     return machine.screenLines().filter(QRegularExpression(pattern));

@@ -651,10 +651,11 @@ QByteArray stringJson(const QCborValue &string)
     // RFC 8949, 3: the low five bits are the length, or say how many bytes behind them hold it.
     const int lengthBits = text.front() & 0x1f;
     const qsizetype header = 1 + (lengthBits < 24 ? 0 : 1 << (lengthBits - 24));
-    unsigned char escaped = 0;
+    // A '?' may stand for half a surrogate pair, which has no UTF-8 form; base64 has no '?'.
+    unsigned char unsafe = 0;
     for (const unsigned char c : QByteArrayView(text).sliced(header)) // no way out: vectorised
-        escaped |= (c < 0x20) | (c >= 0x7f) | (c == '"') | (c == '\\');
-    if (escaped)
+        unsafe |= (c < 0x20) | (c >= 0x7f) | (c == '"') | (c == '\\') | (c == '?');
+    if (unsafe)
         return compactJson(string.toString());
     text.remove(0, header - 1);
     text.front() = '"';
