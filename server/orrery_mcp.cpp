@@ -10,6 +10,7 @@
 // (g_out) and two atomics (g_inFlight, g_cancelled), and nothing else.
 
 #include "host_process.h"
+#include "limits.h"
 #include "orrery_control.h"
 
 #include <QCborMap>
@@ -29,7 +30,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <csignal>
@@ -50,31 +50,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-// Time limits in milliseconds.
-constexpr int CallLimitMs = 300'000;
-constexpr int LongCallLimitMs = 1'860'000;
-constexpr int WriteLimitMs = 5'000;
-constexpr int WaitSliceMs = 250; // how late a cancellation or a closed connection is noticed
-constexpr int ConnectAttemptMs = 500;
-constexpr int ConnectPauseMs = 250;
-constexpr int BacklogPauseMs = 10;
-constexpr int ProbeMs = 1'500;
-constexpr int RunningConnectMs = 3'000;
-constexpr int RunningHelloMs = 5'000;
-constexpr int StartedConnectMs = 30'000;
-constexpr int StartedHelloMs = 600'000; // the user may have to allow the client in a dialog
-constexpr int QuitConnectMs = 2'000;
-constexpr int QuitRequestMs = 5'000;
-constexpr int QuitExitMs = 10'000;
-constexpr int KillExitMs = 5'000;
-
-constexpr std::chrono::milliseconds QuietTime { 500 };
-
-// Sizes in bytes.
-constexpr qsizetype InputChunkBytes = 65'536;
-constexpr qsizetype MaxPipeLineBytes = 268'435'456;
-constexpr qsizetype PipeChunkBytes = 1'048'576; // read ahead or written at a time, at most
 
 constexpr qsizetype EnvelopeBytes = 64; // what stands around a result, but for the id
 
@@ -242,7 +217,7 @@ public:
     {
         std::unique_lock lock(mutex);
         const auto ready = [this] { return inputEnded || !requests.empty(); };
-        if (!changed.wait_for(lock, QuietTime, ready)) {
+        if (!changed.wait_for(lock, Limits::Quiet, ready)) {
             lock.unlock();
             malloc_trim(0);
             lock.lock();
@@ -311,8 +286,8 @@ void readStdin(RequestQueue &queue)
     qsizetype searched = 0;
     for (;;) {
         const qsizetype size = buffer.size();
-        buffer.resize(size + InputChunkBytes);
-        const qint64 count = readInput(buffer.data() + size, InputChunkBytes);
+        buffer.resize(size + Limits::InputChunkBytes);
+        const qint64 count = readInput(buffer.data() + size, Limits::InputChunkBytes);
         buffer.truncate(size + std::max<qint64>(count, 0));
         if (count <= 0)
             break;
@@ -359,7 +334,7 @@ bool reachPipe(QLocalSocket &socket, int limitMs)
         socket.abort();
         if (!backlogFull || deadline.hasExpired())
             return false;
-        QThread::msleep(BacklogPauseMs);
+        QThread::msleep(Limits::BacklogPauseMs);
     }
 }
 
@@ -367,7 +342,7 @@ bool reachPipe(QLocalSocket &socket, int limitMs)
 bool pipeReachable()
 {
     QLocalSocket probe;
-    const bool reached = reachPipe(probe, ProbeMs);
+    const bool reached = reachPipe(probe, Limits::ProbeMs);
     probe.abort();
     return reached;
 }
@@ -377,7 +352,7 @@ bool pipeReachable()
 class Pipe
 {
 public:
-    Pipe() { sock.setReadBufferSize(PipeChunkBytes); }
+    Pipe() { sock.setReadBufferSize(Limits::PipeChunkBytes); }
 
     // Whether the connection stands. Notices an end that came since it was last used, without
     // reading: what the application sent is still there for the next call.
@@ -438,9 +413,9 @@ bool Pipe::connect(int waitMs, int helloTimeoutMs)
     for (;;) {
         if (timer.elapsed() >= waitMs)
             return false;
-        if (reachPipe(sock, ConnectAttemptMs))
+        if (reachPipe(sock, Limits::ConnectAttemptMs))
             break;
-        QThread::msleep(ConnectPauseMs);
+        QThread::msleep(Limits::ConnectPauseMs);
     }
     if (checkHolder() && greet(helloTimeoutMs))
         return true;
@@ -486,9 +461,9 @@ bool Pipe::greet(int helloTimeoutMs)
 bool Pipe::send(const QByteArray &line)
 {
     // In pieces, because the socket copies what it cannot write at once.
-    const QDeadlineTimer deadline(WriteLimitMs);
-    for (qsizetype sent = 0; sent < line.size(); sent += PipeChunkBytes) {
-        const qsizetype size = std::min(PipeChunkBytes, line.size() - sent);
+    const QDeadlineTimer deadline(Limits::WriteMs);
+    for (qsizetype sent = 0; sent < line.size(); sent += Limits::PipeChunkBytes) {
+        const qsizetype size = std::min(Limits::PipeChunkBytes, line.size() - sent);
         if (sock.write(line.constData() + sent, size) != size)
             return false;
         // waitForBytesWritten() is content with the first part of a piece.
@@ -532,7 +507,7 @@ bool takeResponse(QByteArray &buffer, qsizetype &searched, int requestId,
                   std::optional<QJsonObject> *response)
 {
     while (const std::optional<QByteArray> line = takeLine(buffer, searched)) {
-        if (line->size() > MaxPipeLineBytes)
+        if (line->size() > Limits::MaxPipeLineBytes)
             return false;
         const QJsonObject message = QJsonDocument::fromJson(*line).object();
         if (!message.contains("result"_L1) && !message.contains("error"_L1)) {
@@ -542,7 +517,7 @@ bool takeResponse(QByteArray &buffer, qsizetype &searched, int requestId,
             return true;
         }
     }
-    return buffer.size() <= MaxPipeLineBytes;
+    return buffer.size() <= Limits::MaxPipeLineBytes;
 }
 
 bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *response,
@@ -585,7 +560,7 @@ bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *r
         }
         if (g_cancelled)
             return drop(u"cancelled by the client"_s);
-        sock.waitForReadyRead(WaitSliceMs);
+        sock.waitForReadyRead(Limits::WaitSliceMs);
     }
 }
 
@@ -610,7 +585,7 @@ bool startApp()
 bool launchApp(QString *error)
 {
     if (HostProcess::findApp() != 0) {
-        if (g_pipe.connect(RunningConnectMs, RunningHelloMs))
+        if (g_pipe.connect(Limits::RunningConnectMs, Limits::RunningHelloMs))
             return true;
         // Only a refusal of this very attempt counts; one of an earlier call is history.
         if (!g_pipe.lastHelloError().isEmpty()) {
@@ -622,7 +597,7 @@ bool launchApp(QString *error)
         *error = u"Couldn't start "_s + appExe();
         return false;
     }
-    if (g_pipe.connect(StartedConnectMs, StartedHelloMs))
+    if (g_pipe.connect(Limits::StartedConnectMs, Limits::StartedHelloMs))
         return true;
     if (!g_pipe.lastHelloError().isEmpty())
         *error = g_pipe.lastHelloError();
@@ -764,15 +739,15 @@ void quitApp(const QJsonValue &id, const QJsonObject &arguments)
     bool exited = false;
     if (force) {
         app.terminate();
-        exited = app.waitExit(KillExitMs);
+        exited = app.waitExit(Limits::KillExitMs);
     } else {
-        if (g_pipe.connect(QuitConnectMs, RunningHelloMs)) {
+        if (g_pipe.connect(Limits::QuitConnectMs, Limits::RunningHelloMs)) {
             QJsonObject ignoredResponse;
             QString ignoredError;
-            g_pipe.call(u"quit"_s, {}, &ignoredResponse, &ignoredError, QuitRequestMs);
+            g_pipe.call(u"quit"_s, {}, &ignoredResponse, &ignoredError, Limits::QuitRequestMs);
         }
         // Whatever became of the request, what counts is whether the process ends.
-        exited = app.waitExit(QuitExitMs);
+        exited = app.waitExit(Limits::QuitExitMs);
     }
     QJsonObject outcome { { u"quit"_s, exited },
                           { u"wasRunning"_s, true },
@@ -799,7 +774,7 @@ bool isCatalogued(const QString &tool)
 
 int callLimitMs(const QString &tool)
 {
-    return tool == "create_vm"_L1 || tool == "job_wait"_L1 ? LongCallLimitMs : CallLimitMs;
+    return tool == "create_vm"_L1 || tool == "job_wait"_L1 ? Limits::LongCallMs : Limits::CallMs;
 }
 
 // The application's answer to a tool as the answer to the client.
