@@ -67,24 +67,25 @@ Handle::Handle(unsigned long pid)
 Handle::~Handle()
 {
     if (isValid())
-        close(static_cast<int>(descriptorPlusOne - 1));
+        close(descriptor());
 }
 
 bool Handle::isValid() const { return descriptorPlusOne != 0; }
+
+int Handle::descriptor() const { return static_cast<int>(descriptorPlusOne) - 1; }
 
 bool Handle::waitExit(int ms)
 {
     if (!isValid())
         return false;
-    pollfd process { static_cast<int>(descriptorPlusOne - 1), POLLIN, 0 };
+    pollfd process { descriptor(), POLLIN, 0 };
     return poll(&process, 1, ms) == 1;
 }
 
 void Handle::terminate()
 {
     if (isValid())
-        syscall(SYS_pidfd_send_signal, static_cast<int>(descriptorPlusOne - 1), SIGKILL, nullptr,
-                0);
+        syscall(SYS_pidfd_send_signal, descriptor(), SIGKILL, nullptr, 0);
 }
 
 } // namespace HostProcess

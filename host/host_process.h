@@ -34,6 +34,9 @@ public:
 
     [[nodiscard]] bool isValid() const;
 
+    // For poll(2) together with others: readable once the process has ended. -1 when empty.
+    [[nodiscard]] int descriptor() const;
+
     // Waits at most ms milliseconds (without limit when negative) for the process to end. True when
     // it has ended; false on a timeout, an error, a signal that interrupted the wait, or an empty
     // handle.

@@ -9,12 +9,15 @@
 // and the main thread, which does everything else. They share the request queue, standard output
 // (g_out) and two atomics (g_inFlight, g_cancelled), and nothing else.
 
+#include "freed_memory.h"
 #include "host_process.h"
-#include "limits.h"
+#include "json_input.h"
+#include "json_text.h"
+#include "line_buffer.h"
 #include "orrery_control.h"
+#include "server_limits.h"
 
 #include <QCborMap>
-#include <QCborValue>
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
@@ -27,7 +30,6 @@
 #include <QSet>
 #include <QThread>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -43,25 +45,28 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <malloc.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qsizetype EnvelopeBytes = 64; // what stands around a result, but for the id
+constexpr qsizetype EnvelopeBytes = 256; // what stands around a result, but for the id
 
 constexpr qint64 NoCall = -1;
 constexpr int ParseError = -32700;
 constexpr int MethodNotFound = -32601;
 constexpr auto FallbackProtocolVersion = "2024-11-05"_L1;
+constexpr auto ImageKey = "imageBase64"_L1;
 constexpr auto BundleId = "app.orrery.Orrery"_L1;
 
 std::mutex g_out; // standard output, for one message
 std::atomic<qint64> g_inFlight = NoCall; // id of the relayed call; written by the main thread
 std::atomic<bool> g_cancelled = false; // that call was; set by the reader, cleared by main
+std::mutex g_call; // changes of g_inFlight and g_cancelled, which belong together
+FreedMemory g_freedMemory; // main thread
 QJsonObject g_contract; // the catalogue; written before the reader starts, then never
 QString g_clientInfoName; // main thread
 
@@ -104,128 +109,129 @@ void writeOutput(QByteArrayView bytes)
     }
 }
 
-// Takes the first line off the buffer, without its line feed; nothing while there is no whole line.
-// searched says how many bytes hold no line feed, so that a long line is not searched anew at each
-// read; it starts at 0.
-std::optional<QByteArray> takeLine(QByteArray &buffer, qsizetype &searched)
-{
-    const qsizetype end = buffer.indexOf('\n', searched);
-    if (end < 0) {
-        searched = buffer.size();
-        return {};
-    }
-    searched = 0;
-    QByteArray line;
-    if (end + 1 == buffer.size()) {
-        // The usual case: a large line is not copied, and the buffer gives its memory back.
-        line = std::exchange(buffer, {});
-        line.truncate(end);
-    } else {
-        line = buffer.first(end);
-        buffer.remove(0, end + 1);
-    }
-    return line;
-}
-
 // Writing and replies
 
-// The only way to standard output: a whole line with its line feed. Any thread.
-void writeLine(const QByteArray &line)
+// The only way to standard output: a whole message, or several, each a line with its line feed. Any
+// thread.
+void writeMessage(const JsonText &lines)
 {
+    if (lines.isTooLong()) // only an id of half a gigabyte gets here
+        return;
     const std::lock_guard lock(g_out);
-    writeOutput(line);
+    writeOutput(lines.bytes());
 }
 
-void writeMessage(const QJsonObject &message)
+// Begins a response; what follows is its "jsonrpc" member and the rest. An undefined id leaves the
+// member out.
+void putId(JsonText &line, const QJsonValue &id)
 {
-    writeLine(QJsonDocument(message).toJson(QJsonDocument::Compact).append('\n'));
+    if (id.isUndefined())
+        return;
+    line.key("id"_L1);
+    line.value(id);
 }
 
-// The JSON text of any value, which QJsonDocument gives of objects and arrays only.
-QByteArray compactJson(const QJsonValue &value)
+// A success response around the result that putResult writes. False, with nothing written, when the
+// message would be too long.
+template <typename PutResult>
+bool replyWith(const QJsonValue &id, qsizetype expectedBytes, PutResult putResult)
 {
-    QByteArray text = QJsonDocument(QJsonArray { value }).toJson(QJsonDocument::Compact);
-    text.chop(1);
-    return text.remove(0, 1);
-}
-
-// A success response around a result that is JSON text already, in parts: the bytes that
-// writeMessage() makes of the same object, without taking the result apart again. An undefined id
-// leaves the member out.
-void replyText(const QJsonValue &id, std::initializer_list<QByteArrayView> result)
-{
-    QByteArray line = id.isUndefined() ? "{" : "{\"id\":" + compactJson(id) + ',';
-    qsizetype size = line.size() + EnvelopeBytes;
-    for (const QByteArrayView part : result)
-        size += part.size();
-    line.reserve(size);
-    line.append(R"("jsonrpc":"2.0","result":)");
-    for (const QByteArrayView part : result)
-        line.append(part);
-    writeLine(line.append("}\n"));
+    JsonText line(expectedBytes + EnvelopeBytes);
+    line.beginObject();
+    putId(line, id);
+    line.key("jsonrpc"_L1);
+    line.string("2.0"_L1);
+    line.key("result"_L1);
+    putResult(line);
+    line.endObject();
+    line.endLine();
+    if (line.isTooLong())
+        return false;
+    writeMessage(line);
+    return true;
 }
 
 void reply(const QJsonValue &id, const QJsonObject &result)
 {
-    replyText(id, { QJsonDocument(result).toJson(QJsonDocument::Compact) });
+    replyWith(id, 0, [&](JsonText &line) { line.value(result); });
 }
 
 void replyError(const QJsonValue &id, int code, const QString &message)
 {
-    const QJsonObject error { { u"code"_s, code }, { u"message"_s, message } };
-    writeMessage({ { u"jsonrpc"_s, u"2.0"_s }, { u"id"_s, id }, { u"error"_s, error } });
+    JsonText line;
+    line.beginObject();
+    line.key("error"_L1);
+    line.beginObject();
+    line.key("code"_L1);
+    line.integer(code);
+    line.key("message"_L1);
+    line.string(message);
+    line.endObject();
+    putId(line, id);
+    line.key("jsonrpc"_L1);
+    line.string("2.0"_L1);
+    line.endObject();
+    line.endLine();
+    writeMessage(line);
 }
 
-// A JSON value as text for a reader: objects and arrays indented, a string as itself, null as
-// nothing.
-QString jsonText(const QJsonValue &value)
+// A JSON value as a string for a reader: objects and arrays indented, a string as itself, null as
+// nothing. Without the member of an object that is called except.
+void jsonText(JsonText &line, const QJsonValue &value, QLatin1StringView except = {})
 {
-    QJsonDocument document;
-    if (value.isObject())
-        document.setObject(value.toObject());
-    else if (value.isArray())
-        document.setArray(value.toArray());
+    if (value.isObject() || value.isArray())
+        line.readerText(value, except);
     else
-        return value.toVariant().toString();
-    QString text = QString::fromUtf8(document.toJson(QJsonDocument::Indented));
-    return std::move(text).trimmed();
+        line.string(value.toVariant().toString());
 }
 
 // The stdin reader thread and its queue
+
+// A request and how many bytes it came in.
+struct Request
+{
+    QJsonObject message;
+    qsizetype size;
+};
 
 // What the reader hands to the main thread, in order. Lives in main(), outlives the reader.
 class RequestQueue
 {
 public:
-    void append(QJsonObject request)
+    void append(Request request)
     {
-        const std::lock_guard lock(mutex);
-        requests.push_back(std::move(request));
+        {
+            const std::lock_guard lock(mutex);
+            requests.push_back(std::move(request));
+        }
+        // Outside of the lock, which who is woken takes first.
         changed.notify_one();
     }
 
     void endInput()
     {
-        const std::lock_guard lock(mutex);
-        inputEnded = true;
+        {
+            const std::lock_guard lock(mutex);
+            inputEnded = true;
+        }
         changed.notify_one();
     }
 
     // Waits for the next request; nothing once input has ended and every request was taken. When
-    // none comes for a while, the memory that large messages took goes back to the system.
-    std::optional<QJsonObject> take()
+    // none comes for a while, freed memory goes back to the system.
+    std::optional<Request> take()
     {
         std::unique_lock lock(mutex);
         const auto ready = [this] { return inputEnded || !requests.empty(); };
         if (!changed.wait_for(lock, Limits::Quiet, ready)) {
             lock.unlock();
-            malloc_trim(0);
+            g_freedMemory.giveBack();
             lock.lock();
             changed.wait(lock, ready);
         }
         if (requests.empty())
             return {};
-        QJsonObject request = std::move(requests.front());
+        Request request = std::move(requests.front());
         requests.pop_front();
         return request;
     }
@@ -233,7 +239,7 @@ public:
 private:
     std::mutex mutex; // guards requests and inputEnded
     std::condition_variable changed;
-    std::deque<QJsonObject> requests;
+    std::deque<Request> requests;
     bool inputEnded = false;
 };
 
@@ -242,6 +248,9 @@ bool cancelInFlight(const QJsonObject &notification)
 {
     // A string id reads as -2; while no call is in flight there is nothing to cancel.
     const qint64 requestId = notification["params"_L1].toObject()["requestId"_L1].toInteger(-2);
+    // The comparison and the store are one step to whoever registers a call or ends it: between the
+    // two, another call could come to be in flight, and would be cancelled instead.
+    const std::lock_guard lock(g_call);
     if (requestId == NoCall || requestId != g_inFlight)
         return false;
     g_cancelled.exchange(true);
@@ -249,52 +258,54 @@ bool cancelInFlight(const QJsonObject &notification)
 }
 
 // One line of input: answers what must not wait behind a slow call, queues the rest.
-void receiveLine(QByteArray line, RequestQueue &queue)
+void receiveLine(QByteArrayView line, RequestQueue &queue)
 {
     if (line.endsWith('\r'))
         line.chop(1);
     if (line.isEmpty())
         return;
-    const QJsonDocument document = QJsonDocument::fromJson(line);
-    if (!document.isObject()) {
+    std::optional<QJsonObject> message;
+    if (!isTooCostly(line))
+        message = parseObject(line);
+    if (!message) {
         replyError(QJsonValue::Null, ParseError, u"Parse error"_s);
         return;
     }
-    QJsonObject message = document.object();
-    const QString method = message.value("method"_L1).toString();
-    const auto id = message.constFind("id"_L1);
-    if (method == "ping"_L1 && id != message.constEnd()) {
-        replyText(*id, { "{}" });
+    const QString method = message->value("method"_L1).toString();
+    const auto id = message->constFind("id"_L1);
+    if (method == "ping"_L1 && id != message->constEnd()) {
+        reply(*id, {});
         return;
     }
-    if (method == "notifications/cancelled"_L1 && cancelInFlight(message))
+    if (method == "notifications/cancelled"_L1 && cancelInFlight(*message))
         return;
-    queue.append(std::move(message));
+    queue.append({ *std::move(message), line.size() });
 }
 
 // The whole lines of what has been read.
-void receiveLines(QByteArray &buffer, qsizetype &searched, RequestQueue &queue)
+void receiveLines(LineBuffer &input, RequestQueue &queue)
 {
-    while (std::optional<QByteArray> line = takeLine(buffer, searched))
-        receiveLine(*std::move(line), queue);
+    while (const std::optional<QByteArrayView> line = input.takeLine()) {
+        const PromptRelease prompt(line->size() >= Limits::LargeBytes);
+        receiveLine(*line, queue);
+        input.releaseTaken();
+    }
 }
 
 // The stdin reader thread: runs until standard input ends.
 void readStdin(RequestQueue &queue)
 {
-    QByteArray buffer;
-    qsizetype searched = 0;
+    LineBuffer input;
     for (;;) {
-        const qsizetype size = buffer.size();
-        buffer.resize(size + Limits::InputChunkBytes);
-        const qint64 count = readInput(buffer.data() + size, Limits::InputChunkBytes);
-        buffer.truncate(size + std::max<qint64>(count, 0));
+        const qint64 count
+                = readInput(input.space(Limits::InputChunkBytes), Limits::InputChunkBytes);
         if (count <= 0)
             break;
-        receiveLines(buffer, searched, queue);
+        input.added(count);
+        receiveLines(input, queue);
     }
     // A last line may lack its line feed.
-    receiveLine(std::move(buffer), queue);
+    receiveLine(input.rest(), queue);
     queue.endInput();
 }
 
@@ -373,29 +384,42 @@ public:
     const QString &lastHelloError() const { return helloError; }
     bool lastHolderWasForeign() const { return foreignHolder; }
 
+    // Ends the connection, and with it what is left of an exchange on it.
+    void drop();
+
 private:
-    bool send(const QByteArray &line);
-    void takeInput();
+    bool send(QByteArrayView request, QString *error);
+    bool takeInput(QString *error);
     bool checkHolder();
     bool greet(int helloTimeoutMs);
 
     QLocalSocket sock;
-    QByteArray readBuffer; // received and not yet taken as lines
+    LineBuffer readBuffer; // received and not yet taken as lines
     int nextId = 0; // id of the last request; never starts again, not even on a new connection
     bool foreignHolder = false; // the last connect() met a holder that is not our application
     QString helloError; // the application's refusal of the last hello
+    std::optional<HostProcess::Handle> holder; // whom checkHolder() found in order
+    std::optional<QJsonObject> answer; // to the request under way, once it came
 };
 
 Pipe g_pipe;
+
+void Pipe::drop()
+{
+    sock.abort();
+    readBuffer.clear();
+}
 
 bool Pipe::isConnected()
 {
     if (sock.state() != QLocalSocket::ConnectedState)
         return false;
-    // No event is asked for but the end, which counts even while unread bytes are waiting.
-    pollfd peer { static_cast<int>(sock.socketDescriptor()), POLLRDHUP, 0 };
-    if (poll(&peer, 1, 0) > 0)
-        sock.abort();
+    // No event is asked for but the end, which counts even while unread bytes are waiting. That of
+    // the holder counts as well: another process may have inherited its end of the connection.
+    pollfd peers[] { { static_cast<int>(sock.socketDescriptor()), POLLRDHUP, 0 },
+                     { holder ? holder->descriptor() : -1, POLLIN, 0 } };
+    if (poll(peers, std::size(peers), 0) > 0)
+        drop();
     return sock.state() == QLocalSocket::ConnectedState;
 }
 
@@ -403,8 +427,7 @@ bool Pipe::connect(int waitMs, int helloTimeoutMs)
 {
     if (isConnected())
         return true;
-    sock.abort();
-    readBuffer.clear();
+    drop();
     helloError.clear();
     foreignHolder = false;
 
@@ -433,6 +456,8 @@ bool Pipe::checkHolder()
         std::fprintf(stderr, "orrery-mcp: pipe server pid=%lu image='%s'\n", pid,
                      image.constData());
     }
+    // The handle comes first, so that it means the process that is looked at.
+    holder.emplace(pid);
     foreignHolder = pid == 0
                     || !OrreryControl::isSiblingProcess(pid, OrreryControl::exeName(u"orrery"_s));
     return !foreignHolder;
@@ -454,113 +479,178 @@ bool Pipe::greet(int helloTimeoutMs)
         return false;
     }
     if (response.contains("error"_L1))
-        helloError = applicationErrorText(response["error"_L1]);
+        helloError = applicationErrorText(response.value("error"_L1));
     return helloError.isEmpty();
 }
 
-bool Pipe::send(const QByteArray &line)
+// Passes an application's event on to the client. Members that the event lacks stay out.
+void putEvent(JsonText &lines, const QJsonObject &event)
 {
-    // In pieces, because the socket copies what it cannot write at once.
+    lines.beginObject();
+    lines.key("jsonrpc"_L1);
+    lines.string("2.0"_L1);
+    lines.key("method"_L1);
+    lines.string("notifications/message"_L1);
+    lines.key("params"_L1);
+    lines.beginObject();
+    lines.key("data"_L1);
+    lines.beginObject();
+    if (const auto params = event.constFind("params"_L1); params != event.constEnd()) {
+        lines.key("detail"_L1);
+        lines.value(*params);
+    }
+    if (const auto method = event.constFind("method"_L1); method != event.constEnd()) {
+        lines.key("event"_L1);
+        lines.value(*method);
+    }
+    lines.endObject();
+    lines.key("level"_L1);
+    lines.string("info"_L1);
+    lines.key("logger"_L1);
+    lines.string("orrery"_L1);
+    lines.endObject();
+    lines.endObject();
+    lines.endLine();
+}
+
+// Works through the lines that came from the application: passes events on, all in one write, and
+// drops answers to others, until there is no whole line left or the response to this request was
+// taken. False, and why, when a line is refused.
+bool takeResponse(LineBuffer &input, int requestId, std::optional<QJsonObject> *response,
+                  QString *error)
+{
+    JsonText events;
+    const auto refuse = [&](const QString &reason) {
+        writeMessage(events);
+        *error = reason;
+        return false;
+    };
+    while (!*response) {
+        const std::optional<QByteArrayView> line = input.takeLine();
+        if (!line)
+            break;
+        if (line->size() > Limits::MaxPipeLineBytes)
+            return refuse(u"Orrery sent a line of more than 256 MiB"_s);
+        if (isTooCostly(*line))
+            return refuse(u"Orrery sent a line that takes more than 1.25 GiB of memory to read"_s);
+        g_freedMemory.used(line->size());
+        const QJsonObject message = parseObject(*line).value_or(QJsonObject());
+        input.releaseTaken();
+        if (!message.contains("result"_L1) && !message.contains("error"_L1))
+            putEvent(events, message);
+        else if (message.value("id"_L1).toInteger(-1) == requestId)
+            *response = message;
+    }
+    writeMessage(events);
+    if (input.rest().size() > Limits::MaxPipeLineBytes) {
+        *error = u"Orrery sent a line of more than 256 MiB"_s;
+        return false;
+    }
+    return true;
+}
+
+// Takes in what the socket has read, and works through it. Bytes may have come in during any wait,
+// also one for writing, and waitForReadyRead() does not count those.
+bool Pipe::takeInput(QString *error)
+{
+    const qint64 available = sock.bytesAvailable();
+    if (available <= 0)
+        return takeResponse(readBuffer, nextId, &answer, error);
+    const qint64 count = sock.read(readBuffer.space(available), available);
+    readBuffer.added(std::max<qint64>(count, 0));
+    return takeResponse(readBuffer, nextId, &answer, error);
+}
+
+// Writes to the socket itself: through QLocalSocket's buffer, a request would be copied, and cost
+// three more system calls. What the application says meanwhile is taken in, because it may not read
+// before it has said it.
+bool Pipe::send(QByteArrayView request, QString *error)
+{
     const QDeadlineTimer deadline(Limits::WriteMs);
-    for (qsizetype sent = 0; sent < line.size(); sent += Limits::PipeChunkBytes) {
-        const qsizetype size = std::min(Limits::PipeChunkBytes, line.size() - sent);
-        if (sock.write(line.constData() + sent, size) != size)
+    while (!request.isEmpty()) {
+        const int descriptor = static_cast<int>(sock.socketDescriptor());
+        const ssize_t sent = ::send(descriptor, request.data(), static_cast<size_t>(request.size()),
+                                    MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent >= 0) {
+            request = request.sliced(sent);
+            continue;
+        }
+        if (errno == EINTR)
+            continue;
+        *error = u"write to Orrery failed"_s;
+        if (errno != EAGAIN || deadline.hasExpired())
             return false;
-        // waitForBytesWritten() is content with the first part of a piece.
-        while (sock.bytesToWrite() > 0) {
-            if (deadline.hasExpired()
-                || !sock.waitForBytesWritten(static_cast<int>(deadline.remainingTime())))
+        pollfd peer { descriptor, POLLIN | POLLOUT, 0 };
+        poll(&peer, 1, static_cast<int>(deadline.remainingTime()));
+        if ((peer.revents & POLLIN) != 0) {
+            sock.waitForReadyRead(0);
+            if (!takeInput(error))
                 return false;
         }
     }
     return true;
 }
 
-// Moves what the socket has read into readBuffer. Bytes may have come in during any wait, also one
-// for writing, and waitForReadyRead() does not count those.
-void Pipe::takeInput()
-{
-    const qint64 available = sock.bytesAvailable();
-    if (available <= 0)
-        return;
-    const qsizetype size = readBuffer.size();
-    readBuffer.resize(size + available);
-    const qint64 count = sock.read(readBuffer.data() + size, available);
-    readBuffer.truncate(size + std::max<qint64>(count, 0));
-}
-
-// Passes an application's event on to the client. Members that the event lacks stay out.
-void relayEvent(const QJsonObject &event)
-{
-    const QJsonObject data { { u"event"_s, event["method"_L1] },
-                             { u"detail"_s, event["params"_L1] } };
-    writeLine(R"({"jsonrpc":"2.0","method":"notifications/message","params":{"data":)"
-              + QJsonDocument(data).toJson(QJsonDocument::Compact)
-              + R"(,"level":"info","logger":"orrery"}})"
-                "\n");
-}
-
-// Works through the lines that came from the application: passes events on and drops answers to
-// others, until there is no whole line left or the response to this request was taken. False when a
-// line is too long.
-bool takeResponse(QByteArray &buffer, qsizetype &searched, int requestId,
-                  std::optional<QJsonObject> *response)
-{
-    while (const std::optional<QByteArray> line = takeLine(buffer, searched)) {
-        if (line->size() > Limits::MaxPipeLineBytes)
-            return false;
-        const QJsonObject message = QJsonDocument::fromJson(*line).object();
-        if (!message.contains("result"_L1) && !message.contains("error"_L1)) {
-            relayEvent(message);
-        } else if (message["id"_L1].toInteger(-1) == requestId) {
-            *response = message;
-            return true;
-        }
-    }
-    return buffer.size() <= Limits::MaxPipeLineBytes;
-}
-
 bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *response,
                 QString *error, int timeoutMs)
 {
-    const auto drop = [&](const QString &reason) {
-        sock.abort();
-        readBuffer.clear(); // not only with the next connection: it may hold 256 MiB
+    const auto fail = [&](const QString &reason) {
+        drop();
         *error = reason;
         return false;
     };
 
     nextId = nextId == INT_MAX ? 1 : nextId + 1;
-    const QJsonObject request { { u"id"_s, nextId },
-                                { u"method"_s, method },
-                                { u"params"_s, params } };
-    if (!send(QJsonDocument(request).toJson(QJsonDocument::Compact).append('\n')))
-        return drop(u"write to Orrery failed"_s);
+    answer.reset();
+    {
+        JsonText request;
+        request.beginObject();
+        request.key("id"_L1);
+        request.integer(nextId);
+        request.key("method"_L1);
+        request.string(method);
+        request.key("params"_L1);
+        request.value(params);
+        request.endObject();
+        request.endLine();
+        g_freedMemory.used(request.bytes().size());
+        if (request.isTooLong()) {
+            *error = u"the request is longer than 512 MiB"_s;
+            return false;
+        }
+        QString reason;
+        if (!send(request.bytes(), &reason))
+            return fail(reason);
+    }
 
     QElapsedTimer timer;
     timer.start();
-    qsizetype searched = 0;
-    std::optional<QJsonObject> taken;
     for (;;) {
         if (timer.elapsed() >= timeoutMs)
-            return drop(u"Orrery did not answer in time"_s);
+            return fail(u"Orrery did not answer in time"_s);
 
         // Before the connection is looked at: a last answer may come together with its end.
-        takeInput();
-        if (!takeResponse(readBuffer, searched, nextId, &taken))
-            return drop(u"Orrery sent a line of more than 256 MiB"_s);
-        if (taken) {
-            *response = *std::move(taken);
+        QString reason;
+        if (!takeInput(&reason))
+            return fail(reason);
+        if (answer) {
+            *response = *std::exchange(answer, {});
             return true;
         }
 
         if (sock.state() != QLocalSocket::ConnectedState) {
+            readBuffer.clear(); // half a line may be large
             *error = u"Orrery closed the connection"_s;
             return false;
         }
         if (g_cancelled)
-            return drop(u"cancelled by the client"_s);
-        sock.waitForReadyRead(Limits::WaitSliceMs);
+            return fail(u"cancelled by the client"_s);
+        const bool quiet = !sock.waitForReadyRead(Limits::WaitSliceMs);
+        if (quiet)
+            g_freedMemory.giveBackIfDue();
+        // Another process may have inherited the holder's end of the connection.
+        if (quiet && holder->waitExit(0) && !sock.waitForReadyRead(0))
+            sock.abort();
     }
 }
 
@@ -593,9 +683,13 @@ bool launchApp(QString *error)
             return false;
         }
     }
-    if (HostProcess::findApp() == 0 && !startApp()) {
-        *error = u"Couldn't start "_s + appExe();
-        return false;
+    if (HostProcess::findApp() == 0) {
+        // A connection that still stands is held up by a process that is not the application.
+        g_pipe.drop();
+        if (!startApp()) {
+            *error = u"Couldn't start "_s + appExe();
+            return false;
+        }
     }
     if (g_pipe.connect(Limits::StartedConnectMs, Limits::StartedHelloMs))
         return true;
@@ -611,51 +705,72 @@ bool launchApp(QString *error)
 
 // Tool results
 
-void replyToolText(const QJsonValue &id, const QString &text, bool isError)
+void putTextBlock(JsonText &line, const QJsonValue &value, QLatin1StringView except = {})
 {
-    replyText(id, { R"({"content":[{"text":)", compactJson(text), R"(,"type":"text"}],"isError":)",
-                    isError ? "true}" : "false}" });
+    line.beginObject();
+    line.key("text"_L1);
+    jsonText(line, value, except);
+    line.key("type"_L1);
+    line.string("text"_L1);
+    line.endObject();
 }
 
-// The JSON text of a string value. Where nothing needs escaping, as in a picture in base64, it is
-// the string's CBOR form but for what stands around it; QJsonDocument would widen the string to
-// UTF-16 and go through it by character.
-QByteArray stringJson(const QCborValue &string)
+// A value as a tool result of one text block.
+bool replyTextBlock(const QJsonValue &id, const QJsonValue &value, bool isError)
 {
-    QByteArray text = string.toCbor();
-    // RFC 8949, 3: the low five bits are the length, or say how many bytes behind them hold it.
-    const int lengthBits = text.front() & 0x1f;
-    const qsizetype header = 1 + (lengthBits < 24 ? 0 : 1 << (lengthBits - 24));
-    // A '?' may stand for half a surrogate pair, which has no UTF-8 form; base64 has no '?'.
-    unsigned char unsafe = 0;
-    for (const unsigned char c : QByteArrayView(text).sliced(header)) // no way out: vectorised
-        unsafe |= (c < 0x20) | (c >= 0x7f) | (c == '"') | (c == '\\') | (c == '?');
-    if (unsafe)
-        return compactJson(string.toString());
-    text.remove(0, header - 1);
-    text.front() = '"';
-    return text.append('"');
+    return replyWith(id, 0, [&](JsonText &line) {
+        line.beginObject();
+        line.key("content"_L1);
+        line.beginArray();
+        putTextBlock(line, value);
+        line.endArray();
+        line.key("isError"_L1);
+        line.boolean(isError);
+        line.endObject();
+    });
+}
+
+void replyToolText(const QJsonValue &id, const QString &text, bool isError)
+{
+    replyTextBlock(id, text, isError);
+}
+
+// An object with a screenshot as an image block before the rest as text.
+bool replyImage(const QJsonValue &id, const QJsonObject &object, const QCborValue &image)
+{
+    const bool isJpeg = object.value("format"_L1).toString() == "jpeg"_L1;
+    return replyWith(id, 0, [&](JsonText &line) {
+        line.beginObject();
+        line.key("content"_L1);
+        line.beginArray();
+        line.beginObject();
+        line.key("data"_L1);
+        line.largeString(image);
+        line.key("mimeType"_L1);
+        line.string(isJpeg ? "image/jpeg"_L1 : "image/png"_L1);
+        line.key("type"_L1);
+        line.string("image"_L1);
+        line.endObject();
+        putTextBlock(line, object, ImageKey);
+        line.endArray();
+        line.key("isError"_L1);
+        line.boolean(false);
+        line.endObject();
+    });
 }
 
 // A value as a tool result: a screenshot in it becomes an image block before the rest as text.
 void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError)
 {
     const QJsonObject object = value.toObject();
-    const QCborValue image = QCborMap::fromJsonObject(object).value("imageBase64"_L1);
-    const QByteArray imageJson = image.isString() ? stringJson(image) : QByteArray();
-    if (imageJson.size() <= 2) { // no string, or an empty one
-        replyToolText(id, jsonText(value), isError);
-        return;
-    }
-    const bool isJpeg = object["format"_L1].toString() == "jpeg"_L1;
-    QJsonObject rest; // not a copy without the image, which would copy the image first
-    for (auto member = object.begin(); member != object.end(); ++member) {
-        if (member.key() != "imageBase64"_L1)
-            rest.insert(member.key(), member.value());
-    }
-    replyText(id, { R"({"content":[{"data":)", imageJson, R"(,"mimeType":"image/)",
-                    isJpeg ? "jpeg" : "png", R"(","type":"image"},{"text":)",
-                    compactJson(jsonText(rest)), R"(,"type":"text"}],"isError":false})" });
+    const QCborValue image = QCborMap::fromJsonObject(object).value(ImageKey);
+    const bool hasImage = image.isString() && image != QCborValue(QString());
+    const bool written
+            = hasImage ? replyImage(id, object, image) : replyTextBlock(id, value, isError);
+    if (!written)
+        replyToolText(id,
+                      u"Orrery call failed: Orrery's answer makes a message of more than 512 MiB"_s,
+                      true);
 }
 
 // The tools that manage the application's process
@@ -764,7 +879,7 @@ bool isCatalogued(const QString &tool)
 {
     static const QSet<QString> names = [] {
         QSet<QString> all;
-        const QJsonArray tools = g_contract["tools"_L1].toArray();
+        const QJsonArray tools = g_contract.value("tools"_L1).toArray();
         for (const QJsonValue &entry : tools)
             all.insert(entry["name"_L1].toString());
         return all;
@@ -781,9 +896,19 @@ int callLimitMs(const QString &tool)
 void replyResponse(const QJsonValue &id, const QJsonObject &response)
 {
     if (response.contains("error"_L1))
-        replyToolText(id, applicationErrorText(response["error"_L1]), true);
+        replyToolText(id, applicationErrorText(response.value("error"_L1)), true);
     else
-        replyToolJSON(id, response["result"_L1], false);
+        replyToolJSON(id, response.value("result"_L1), false);
+}
+
+// Registers a call as the one that can be cancelled, or that there is none. Either way nothing is
+// cancelled yet: a cancellation that the reader is recording comes before both stores or after
+// both, and then finds another id.
+void setInFlight(qint64 id)
+{
+    const std::lock_guard lock(g_call);
+    g_inFlight.exchange(id);
+    g_cancelled.exchange(false);
 }
 
 // Relays a tool to the application and answers the client with the outcome.
@@ -796,13 +921,10 @@ void relayTool(const QJsonValue &id, const QString &tool, const QJsonObject &arg
         return;
     }
 
-    // In this order at both ends, so that a cancellation ends only the call that it names.
-    g_inFlight.exchange(id.toInteger(NoCall));
-    g_cancelled.exchange(false);
+    setInFlight(id.toInteger(NoCall));
     QJsonObject response;
     const bool answered = g_pipe.call(tool, arguments, &response, &error, callLimitMs(tool));
-    g_inFlight.exchange(NoCall);
-    g_cancelled.exchange(false);
+    setInFlight(NoCall);
 
     if (answered)
         replyResponse(id, response);
@@ -834,25 +956,41 @@ void initialize(const QJsonValue &id, const QJsonObject &params)
     const QString requested = params["protocolVersion"_L1].toString();
     g_clientInfoName = params["clientInfo"_L1].toObject()["name"_L1].toString();
 
-    const QString fallback = g_contract["protocolVersion"_L1].toString(FallbackProtocolVersion);
+    const QString fallback
+            = g_contract.value("protocolVersion"_L1).toString(FallbackProtocolVersion);
     QJsonObject result {
         { u"protocolVersion"_s, supported.contains(requested) ? requested : fallback },
-        { u"serverInfo"_s, g_contract["serverInfo"_L1] },
         { u"capabilities"_s,
           QJsonObject { { u"tools"_s, QJsonObject() }, { u"logging"_s, QJsonObject() } } },
     };
-    if (const QJsonValue instructions = g_contract["instructions"_L1]; instructions.isString())
-        result["instructions"_L1] = instructions;
+    if (g_contract.contains("serverInfo"_L1))
+        result.insert("serverInfo"_L1, g_contract.value("serverInfo"_L1));
+    if (const QJsonValue instructions = g_contract.value("instructions"_L1);
+        instructions.isString())
+        result.insert("instructions"_L1, instructions);
     reply(id, result);
 }
 
 // The result of tools/list, made once: the catalogue never changes.
-const QByteArray &toolList()
+const JsonText &toolList()
 {
-    static const QByteArray list
-            = QJsonDocument(QJsonObject { { u"tools"_s, g_contract["tools"_L1] } })
-                      .toJson(QJsonDocument::Compact);
+    static const JsonText list = [] {
+        JsonText text;
+        text.beginObject();
+        if (g_contract.contains("tools"_L1)) {
+            text.key("tools"_L1);
+            text.value(g_contract.value("tools"_L1));
+        }
+        text.endObject();
+        return text;
+    }();
     return list;
+}
+
+void listTools(const QJsonValue &id)
+{
+    const QByteArrayView list = toolList().bytes();
+    replyWith(id, list.size(), [&](JsonText &line) { line.json(list); });
 }
 
 void handle(const QJsonObject &request)
@@ -868,7 +1006,7 @@ void handle(const QJsonObject &request)
     if (method == "initialize"_L1)
         initialize(id, params);
     else if (method == "tools/list"_L1)
-        replyText(id, { toolList() });
+        listTools(id);
     else if (method == "tools/call"_L1)
         toolsCall(id, params);
     else
@@ -897,16 +1035,6 @@ bool secureProcess()
     return true;
 }
 
-// Freed memory is kept while messages come, and given back when it is quiet; see RequestQueue.
-// Otherwise malloc maps, zeroes and unmaps every large block anew, which is half of what a large
-// message costs.
-void keepFreedMemory()
-{
-    mallopt(M_MMAP_MAX, 0);
-    mallopt(M_TRIM_THRESHOLD, INT_MAX);
-    mallopt(M_ARENA_MAX, 1); // only the first arena can grow to any size
-}
-
 } // namespace
 
 int main(int argc, char *argv[])
@@ -932,9 +1060,15 @@ int main(int argc, char *argv[])
 
     RequestQueue queue;
     std::thread reader(readStdin, std::ref(queue));
-    while (const std::optional<QJsonObject> request = queue.take()) {
-        handle(*request);
+    while (std::optional<Request> request = queue.take()) {
+        g_freedMemory.used(request->size);
+        handle(request->message);
+        {
+            const PromptRelease prompt(request->size >= Limits::LargeBytes);
+            request.reset();
+        }
         QCoreApplication::processEvents();
+        g_freedMemory.giveBackIfDue();
     }
     reader.join();
     return 0;

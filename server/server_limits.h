@@ -42,4 +42,8 @@ constexpr qsizetype InputChunkBytes = 65'536;
 constexpr qsizetype MaxPipeLineBytes = 268'435'456;
 constexpr qsizetype PipeChunkBytes = 1'048'576; // read ahead or written at a time, at most
 
+constexpr qsizetype LargeBytes = 262'144; // what is worth giving its memory back
+constexpr qsizetype MaxParsedBytes = 1'342'177'280; // what a line may cost once it is parsed
+constexpr qsizetype MaxMessageBytes = 536'870'912; // one message to the client or the application
+
 } // namespace Limits

@@ -1,0 +1,51 @@
+#include "freed_memory.h"
+
+#include "server_limits.h"
+
+#include <malloc.h>
+
+namespace {
+
+constexpr int MapFromBytes = 32 << 20; // the most that malloc accepts
+constexpr int KeptBytes = 1 << 30;
+constexpr int PromptKeptBytes = 128 << 10; // malloc's own default
+
+} // namespace
+
+void keepFreedMemory()
+{
+    mallopt(M_MMAP_THRESHOLD, MapFromBytes);
+    mallopt(M_TRIM_THRESHOLD, KeptBytes);
+}
+
+PromptRelease::PromptRelease(bool isWanted) : wanted(isWanted)
+{
+    if (wanted)
+        mallopt(M_TRIM_THRESHOLD, PromptKeptBytes);
+}
+
+PromptRelease::~PromptRelease()
+{
+    if (wanted)
+        mallopt(M_TRIM_THRESHOLD, KeptBytes);
+}
+
+void FreedMemory::used(qsizetype bytes)
+{
+    if (bytes < Limits::LargeBytes)
+        return;
+    isKept = true;
+    lastLarge = std::chrono::steady_clock::now();
+}
+
+void FreedMemory::giveBackIfDue()
+{
+    if (isKept && std::chrono::steady_clock::now() - lastLarge >= Limits::Quiet)
+        giveBack();
+}
+
+void FreedMemory::giveBack()
+{
+    isKept = false;
+    malloc_trim(0);
+}

@@ -1,0 +1,43 @@
+// Freed memory is kept while large messages come, and given back to the system half a second after
+// the last: to get it anew for each would cost more than the message itself (a page fault for every
+// 4 KiB). The reader's memory is apart from the main thread's, so that neither waits for the
+// other's allocations (malloc's arenas, mallopt(3)).
+
+#pragma once
+
+#include <QtGlobal>
+
+#include <chrono>
+
+// Sets malloc up; before there is a second thread.
+void keepFreedMemory();
+
+// What is freed while this exists goes back at once where it can. It is for the reader's memory,
+// whichever thread frees it; only the memory of the main thread can be given back later.
+class PromptRelease
+{
+public:
+    explicit PromptRelease(bool isWanted);
+    ~PromptRelease();
+    PromptRelease(const PromptRelease &) = delete;
+    PromptRelease &operator=(const PromptRelease &) = delete;
+
+private:
+    const bool wanted;
+};
+
+// When the main thread is to give memory back.
+class FreedMemory
+{
+public:
+    // A message of that many bytes was handled.
+    void used(qsizetype bytes);
+
+    // Gives back what is free if no large message came for Limits::Quiet, or in any case.
+    void giveBackIfDue();
+    void giveBack();
+
+private:
+    bool isKept = false;
+    std::chrono::steady_clock::time_point lastLarge;
+};

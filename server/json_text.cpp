@@ -1,0 +1,370 @@
+#include "json_text.h"
+
+#include "server_limits.h"
+#include "vector_blocks.h"
+
+#include <QCborArray>
+#include <QCborMap>
+#include <QCborStreamWriter>
+#include <QIODevice>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QLocale>
+#include <QVariant>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <type_traits>
+
+namespace {
+
+constexpr qsizetype FirstBytes = 256;
+constexpr qsizetype IndentBytes = 4;
+
+// What a UTF-16 unit becomes at most: \\u001f, in a text within a string.
+constexpr qsizetype MaxEscapedBytes = 7;
+
+// Which elements are no ASCII, or are escaped in a JSON string.
+template <typename Block> Block special(Block block)
+{
+    return (block < 0x20) | (block > 0x7f) | (block == '"') | (block == '\\');
+}
+
+// How a string writes a byte below 0x80: as itself (0), with a letter behind the backslash, or by
+// its number ('u').
+constexpr struct EscapeTable
+{
+    constexpr EscapeTable()
+    {
+        for (int c = 0; c < 0x20; ++c)
+            letter[c] = 'u';
+        letter['\b'] = 'b';
+        letter['\t'] = 't';
+        letter['\n'] = 'n';
+        letter['\f'] = 'f';
+        letter['\r'] = 'r';
+        letter['"'] = '"';
+        letter['\\'] = '\\';
+    }
+    char letter[0x80] {};
+} escapes;
+
+char *putNumbered(char *out, char16_t unit)
+{
+    constexpr auto Digits = "0123456789abcdef";
+    *out++ = 'u';
+    for (int shift = 12; shift >= 0; shift -= 4)
+        *out++ = Digits[(unit >> shift) & 0xf];
+    return out;
+}
+
+// Writes one character, of one unit or a surrogate pair, from text on; both move behind it. nested:
+// the string stands in a text that is a string itself, so that each backslash and quote of its JSON
+// form has a backslash before it.
+template <bool nested> void putCharacter(const char16_t *&text, const char16_t *end, char *&out)
+{
+    const char16_t unit = *text++;
+    if (unit < 0x80) {
+        const char letter = escapes.letter[unit];
+        if (letter == 0) {
+            *out++ = static_cast<char>(unit);
+            return;
+        }
+        *out++ = '\\';
+        if (nested) {
+            *out++ = '\\';
+            if (letter == '"' || letter == '\\')
+                *out++ = '\\';
+        }
+        if (letter == 'u')
+            out = putNumbered(out, unit);
+        else
+            *out++ = letter;
+    } else if (unit < 0x800) {
+        *out++ = static_cast<char>(0xc0 | (unit >> 6));
+        *out++ = static_cast<char>(0x80 | (unit & 0x3f));
+    } else if (!QChar::isSurrogate(unit)) {
+        *out++ = static_cast<char>(0xe0 | (unit >> 12));
+        *out++ = static_cast<char>(0x80 | ((unit >> 6) & 0x3f));
+        *out++ = static_cast<char>(0x80 | (unit & 0x3f));
+    } else if (QChar::isHighSurrogate(unit) && text != end && QChar::isLowSurrogate(*text)) {
+        const char32_t code = QChar::surrogateToUcs4(unit, *text++);
+        *out++ = static_cast<char>(0xf0 | (code >> 18));
+        *out++ = static_cast<char>(0x80 | ((code >> 12) & 0x3f));
+        *out++ = static_cast<char>(0x80 | ((code >> 6) & 0x3f));
+        *out++ = static_cast<char>(0x80 | (code & 0x3f));
+    } else { // half of a pair has no UTF-8 form
+        *out++ = '\\';
+        if (nested)
+            *out++ = '\\';
+        out = putNumbered(out, unit);
+    }
+}
+
+} // namespace
+
+JsonText::JsonText(qsizetype expected)
+{
+    resizeBuffer(std::clamp(expected, FirstBytes, Limits::MaxMessageBytes));
+}
+
+// To exactly so many bytes: left to itself, QByteArray goes to the next power of two.
+void JsonText::resizeBuffer(qsizetype bytes)
+{
+    buffer.reserve(bytes);
+    buffer.resize(bytes);
+    place = buffer.data();
+    capacity = bytes;
+}
+
+void JsonText::makeRoom(qsizetype bytes)
+{
+    if (size + bytes > Limits::MaxMessageBytes) {
+        tooLong = true;
+        size = 0; // what is still written goes over what is of no use
+    }
+    if (size + bytes > capacity)
+        resizeBuffer(std::min(std::max(size + bytes, capacity * 2), Limits::MaxMessageBytes));
+}
+
+void JsonText::string(QStringView text)
+{
+    separate();
+    quoted<Style::Compact>(text);
+}
+
+void JsonText::boolean(bool value) { json(value ? "true" : "false"); }
+
+void JsonText::integer(qint64 value)
+{
+    char digits[20];
+    const auto result = std::to_chars(std::begin(digits), std::end(digits), value);
+    json(QByteArrayView(digits, result.ptr));
+}
+
+void JsonText::json(QByteArrayView text)
+{
+    separate();
+    put(text);
+}
+
+void JsonText::endLine()
+{
+    put('\n');
+    afterValue = false;
+}
+
+// The inside of a string. In pieces, so that room for the worst is made of a piece only.
+template <JsonText::Style style> void JsonText::escaped(QStringView text)
+{
+    constexpr bool Nested = style == Style::Reader;
+    constexpr qsizetype PieceUnits = 4096;
+    const char16_t *in = text.utf16();
+    const char16_t *const end = in + text.size();
+    while (in != end) {
+        const char16_t *const pieceEnd = in + std::min<qsizetype>(PieceUnits, end - in);
+        char *out = room((pieceEnd - in + BlockUnits) * MaxEscapedBytes);
+        const char *const begin = out;
+        while (pieceEnd - in >= BlockUnits) {
+            const auto block = loadBlock<Units>(in);
+            const auto narrow = __builtin_convertvector(block, NarrowUnits);
+            std::memcpy(out, &narrow, sizeof narrow);
+            if (any(special(block))) {
+                for (const char16_t *const blockEnd = in + BlockUnits; in < blockEnd;)
+                    putCharacter<Nested>(in, end, out);
+            } else {
+                in += BlockUnits;
+                out += BlockUnits;
+            }
+        }
+        while (in < pieceEnd)
+            putCharacter<Nested>(in, end, out);
+        size += out - begin;
+    }
+}
+
+template <JsonText::Style style> void JsonText::quoted(QStringView text)
+{
+    constexpr QByteArrayView Quote = style == Style::Reader ? "\\\"" : "\"";
+    put(Quote);
+    escaped<style>(text);
+    put(Quote);
+}
+
+// Writes bytes that stand for themselves. False, with some of them written, when not all do.
+bool JsonText::plain(QByteArrayView text)
+{
+    constexpr qsizetype PieceBytes = 65'536;
+    while (!text.isEmpty()) {
+        const QByteArrayView piece = text.first(std::min(PieceBytes, text.size()));
+        text = text.sliced(piece.size());
+        char *const out = room(piece.size());
+        Bytes bad {};
+        qsizetype at = 0;
+        for (; at + BlockBytes <= piece.size(); at += BlockBytes) {
+            const auto block = loadBlock<Bytes>(piece.data() + at);
+            std::memcpy(out + at, &block, sizeof block);
+            bad |= special(block) | (block == '?');
+        }
+        bool isPlain = !any(bad);
+        for (; at < piece.size(); ++at) {
+            const char c = piece[at];
+            isPlain = isPlain && c >= 0x20 && c != '"' && c != '\\' && c != '?';
+            out[at] = c;
+        }
+        size += piece.size();
+        if (!isPlain)
+            return false;
+    }
+    return true;
+}
+
+// Takes a string out of QCborValue without a copy: as the bytes of its CBOR form, whose header it
+// drops. What is not plain has to be written in another way.
+class StringTap : public QIODevice
+{
+public:
+    explicit StringTap(JsonText &target) : text(target)
+    {
+        open(QIODevice::WriteOnly | QIODevice::Unbuffered);
+    }
+
+    bool isPlain = true;
+
+protected:
+    qint64 readData(char *, qint64) override { return -1; }
+
+    qint64 writeData(const char *data, qint64 length) override
+    {
+        QByteArrayView bytes(data, length);
+        if (header < 0 && !bytes.isEmpty()) {
+            // RFC 8949, 3: the low five bits are the length, or say how many bytes behind hold it.
+            const int lengthBits = bytes.front() & 0x1f;
+            header = 1 + (lengthBits < 24 ? 0 : 1 << (lengthBits - 24));
+        }
+        const qint64 skipped = std::min<qint64>(header, bytes.size());
+        header -= skipped;
+        isPlain = isPlain && text.plain(bytes.sliced(skipped));
+        return length;
+    }
+
+private:
+    JsonText &text;
+    qint64 header = -1; // bytes of it still to come; -1 before the first
+};
+
+void JsonText::largeString(const QCborValue &string)
+{
+    separate();
+    const qsizetype start = size;
+    put('"');
+    StringTap tap(*this);
+    QCborStreamWriter writer(&tap);
+    string.toCbor(writer);
+    if (tap.isPlain || tooLong) {
+        put('"');
+        return;
+    }
+    // Half a surrogate pair would have become a question mark, so that one is not plain here.
+    size = start;
+    quoted<Style::Compact>(string.toString());
+}
+
+template <JsonText::Style style> void JsonText::newLine(int level)
+{
+    if (style == Style::Compact)
+        return;
+    const qsizetype blanks = level * IndentBytes;
+    char *const out = room(2 + blanks);
+    out[0] = '\\';
+    out[1] = 'n';
+    std::memset(out + 2, ' ', static_cast<size_t>(blanks));
+    size += 2 + blanks;
+}
+
+template <JsonText::Style style, typename Container>
+void JsonText::container(const Container &members, int level, QLatin1StringView except)
+{
+    constexpr bool IsMap = std::is_same_v<Container, QCborMap>;
+    put(IsMap ? '{' : '[');
+    bool first = true;
+    for (auto member = members.constBegin(); member != members.constEnd() && !tooLong; ++member) {
+        QString name;
+        if constexpr (IsMap) {
+            name = member.key().toString();
+            if (!except.isEmpty() && name == except)
+                continue;
+        }
+        if (!first)
+            put(',');
+        first = false;
+        newLine<style>(level + 1);
+        if constexpr (IsMap) {
+            quoted<style>(name);
+            put(style == Style::Reader ? ": " : ":");
+            element<style>(member.value(), level + 1);
+        } else {
+            element<style>(*member, level + 1);
+        }
+    }
+    newLine<style>(level);
+    put(IsMap ? '}' : ']');
+}
+
+template <JsonText::Style style> void JsonText::element(const QCborValue &value, int level)
+{
+    switch (value.type()) {
+    case QCborValue::String:
+        return quoted<style>(value.toString());
+    case QCborValue::Integer: {
+        char *const out = room(20);
+        size += std::to_chars(out, out + 20, value.toInteger()).ptr - out;
+        return;
+    }
+    case QCborValue::Double: {
+        const double number = value.toDouble();
+        if (!std::isfinite(number))
+            return put("null");
+        return put(QByteArray::number(number, 'g', QLocale::FloatingPointShortest));
+    }
+    case QCborValue::True:
+        return put("true");
+    case QCborValue::False:
+        return put("false");
+    case QCborValue::Array:
+        return container<style>(value.toArray(), level);
+    case QCborValue::Map:
+        return container<style>(value.toMap(), level);
+    default:
+        return put("null");
+    }
+}
+
+void JsonText::value(const QJsonValue &value)
+{
+    switch (value.type()) {
+    case QJsonValue::String:
+        return string(value.toString());
+    case QJsonValue::Object:
+        separate();
+        return container<Style::Compact>(QCborMap::fromJsonObject(value.toObject()), 0);
+    default:
+        separate();
+        // An array, because by itself a QJsonValue does not tell whether it holds 5 or 5.0.
+        const QCborArray holder = QCborArray::fromJsonArray({ value });
+        return element<Style::Compact>(holder.first(), 0);
+    }
+}
+
+void JsonText::readerText(const QJsonValue &value, QLatin1StringView except)
+{
+    separate();
+    put('"');
+    if (value.isObject())
+        container<Style::Reader>(QCborMap::fromJsonObject(value.toObject()), 0, except);
+    else
+        container<Style::Reader>(QCborArray::fromJsonArray(value.toArray()), 0);
+    put('"');
+}

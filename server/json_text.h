@@ -1,0 +1,135 @@
+// Writes JSON text (RFC 8259) in one pass: what this server sends is put down member by member, and
+// values that came from elsewhere are written byte for byte as QJsonDocument writes them, with the
+// members of an object in its own order, which is that of the keys.
+
+#pragma once
+
+#include <QByteArray>
+#include <QLatin1StringView>
+#include <QStringView>
+
+#include <cstring>
+
+class QCborValue;
+class QJsonObject;
+class QJsonValue;
+
+// One or more JSON texts, being written. What is begun must be ended, and in an object each value
+// has its key before it; nothing here checks that. A text has a limit: beyond it nothing more is
+// written, and isTooLong() says so.
+class JsonText
+{
+public:
+    // Expects about expected bytes, to get the memory for them at once.
+    explicit JsonText(qsizetype expected = 0);
+    JsonText(JsonText &&) = default;
+    JsonText &operator=(JsonText &&) = delete;
+
+    void beginObject() { begin('{'); }
+    void endObject() { end('}'); }
+    void beginArray() { begin('['); }
+    void endArray() { end(']'); }
+
+    // A key or a string of this program's own: ASCII without anything to escape.
+    void key(QLatin1StringView name)
+    {
+        string(name);
+        put(':');
+        afterValue = false;
+    }
+    void string(QLatin1StringView text)
+    {
+        separate();
+        put('"');
+        put(QByteArrayView(text.data(), text.size()));
+        put('"');
+    }
+
+    void string(QStringView text);
+    void boolean(bool value);
+    void integer(qint64 value);
+
+    // Any value, compact. An undefined one is written as null; leave its member out.
+    void value(const QJsonValue &value);
+
+    // Text that is JSON already.
+    void json(QByteArrayView text);
+
+    // A string that holds an object or an array as text for a reader: indented by four blanks, a
+    // member or an element per line. Without the member of the outermost object that is called
+    // except.
+    void readerText(const QJsonValue &value, QLatin1StringView except = {});
+
+    // A string value without the detour through UTF-16 where it can be had: for large ones.
+    void largeString(const QCborValue &string);
+
+    // The line feed that ends a message; another may follow.
+    void endLine();
+
+    // Whether the limit (Limits::MaxMessageBytes) was reached. If so, the text is of no use.
+    [[nodiscard]] bool isTooLong() const { return tooLong; }
+
+    [[nodiscard]] QByteArrayView bytes() const { return { place, size }; }
+
+private:
+    friend class StringTap;
+    enum class Style { Compact, Reader };
+
+    void resizeBuffer(qsizetype bytes);
+    void makeRoom(qsizetype bytes);
+
+    // A place for so many bytes more; the caller moves size.
+    char *room(qsizetype bytes)
+    {
+        if (size + bytes > capacity)
+            makeRoom(bytes);
+        return place + size;
+    }
+
+    void put(char c)
+    {
+        *room(1) = c;
+        ++size;
+    }
+
+    void put(QByteArrayView text)
+    {
+        std::memcpy(room(text.size()), text.data(), static_cast<size_t>(text.size()));
+        size += text.size();
+    }
+
+    void separate()
+    {
+        if (afterValue)
+            put(',');
+        afterValue = true;
+    }
+
+    void begin(char bracket)
+    {
+        separate();
+        put(bracket);
+        afterValue = false;
+    }
+
+    void end(char bracket)
+    {
+        put(bracket);
+        afterValue = true;
+    }
+
+    template <Style style> void escaped(QStringView text);
+    template <Style style> void quoted(QStringView text);
+    bool plain(QByteArrayView text);
+    template <Style style> void element(const QCborValue &value, int level);
+    template <Style style, typename Container>
+    void container(const Container &members, int level, QLatin1StringView except = {});
+    template <Style style> void newLine(int level);
+
+    QByteArray buffer;
+    char *place = nullptr; // of the buffer
+    qsizetype capacity = 0;
+    qsizetype size = 0; // bytes written
+    bool afterValue = false; // so that the next one needs a comma
+    bool tooLong = false;
+};
