@@ -26,10 +26,14 @@ constexpr qsizetype IndentBytes = 4;
 // What a UTF-16 unit becomes at most: \\u001f, in a text within a string.
 constexpr qsizetype MaxEscapedBytes = 7;
 
-// Which elements are no ASCII, or are escaped in a JSON string.
+// Which elements are no ASCII, or are escaped in a JSON string. A byte beyond 0x7f is negative.
 template <typename Block> Block special(Block block)
 {
-    return (block < 0x20) | (block > 0x7f) | (block == '"') | (block == '\\');
+    const Block common = (block < 0x20) | (block == '"') | (block == '\\');
+    if constexpr (std::is_same_v<Block, Bytes>)
+        return common;
+    else
+        return common | (block > 0x7f);
 }
 
 // How a string writes a byte below 0x80: as itself (0), with a letter behind the backslash, or by
@@ -103,6 +107,27 @@ template <bool nested> void putCharacter(const char16_t *&text, const char16_t *
     }
 }
 
+// Writes text up to end in blocks, and the rest of it one by one; both move on. A surrogate pair
+// that begins there is written whole, if it ends before textEnd.
+template <bool nested>
+void putText(const char16_t *&text, const char16_t *end, const char16_t *textEnd, char *&out)
+{
+    while (end - text >= BlockUnits) {
+        const auto block = loadBlock<Units>(text);
+        const auto narrow = __builtin_convertvector(block, NarrowUnits);
+        std::memcpy(out, &narrow, sizeof narrow);
+        if (any(special(block))) {
+            for (const char16_t *const blockEnd = text + BlockUnits; text < blockEnd;)
+                putCharacter<nested>(text, textEnd, out);
+        } else {
+            text += BlockUnits;
+            out += BlockUnits;
+        }
+    }
+    while (text < end)
+        putCharacter<nested>(text, textEnd, out);
+}
+
 } // namespace
 
 JsonText::JsonText(qsizetype expected)
@@ -165,22 +190,10 @@ template <JsonText::Style style> void JsonText::escaped(QStringView text)
     const char16_t *const end = in + text.size();
     while (in != end) {
         const char16_t *const pieceEnd = in + std::min<qsizetype>(PieceUnits, end - in);
-        char *out = room((pieceEnd - in + BlockUnits) * MaxEscapedBytes);
+        char *out = room((pieceEnd - in + 1) * MaxEscapedBytes); // 1: half of a pair
+
         const char *const begin = out;
-        while (pieceEnd - in >= BlockUnits) {
-            const auto block = loadBlock<Units>(in);
-            const auto narrow = __builtin_convertvector(block, NarrowUnits);
-            std::memcpy(out, &narrow, sizeof narrow);
-            if (any(special(block))) {
-                for (const char16_t *const blockEnd = in + BlockUnits; in < blockEnd;)
-                    putCharacter<Nested>(in, end, out);
-            } else {
-                in += BlockUnits;
-                out += BlockUnits;
-            }
-        }
-        while (in < pieceEnd)
-            putCharacter<Nested>(in, end, out);
+        putText<Nested>(in, pieceEnd, end, out);
         size += out - begin;
     }
 }

@@ -7,12 +7,12 @@
 
 #include <cstring>
 
-constexpr qsizetype BlockUnits = 8; // of UTF-16
 constexpr qsizetype BlockBytes = 16;
+constexpr qsizetype BlockUnits = 8; // of UTF-16
 
-using Units = qint16 __attribute__((vector_size(BlockUnits * 2)));
-using NarrowUnits = qint8 __attribute__((vector_size(BlockUnits)));
 using Bytes = qint8 __attribute__((vector_size(BlockBytes)));
+using Units = qint16 __attribute__((vector_size(BlockUnits * 2)));
+using NarrowUnits = qint8 __attribute__((vector_size(BlockUnits))); // known to be ASCII
 
 template <typename Block> Block loadBlock(const void *from)
 {
