@@ -11,16 +11,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QByteArrayView input(data + 1, static_cast<qsizetype>(size) - 1);
     const qsizetype cut = input.size() * data[0] / 256;
     RequestQueue queue;
-    QByteArray buffer;
-    qsizetype searched = 0;
+    LineBuffer buffer;
     for (const QByteArrayView piece : { input.first(cut), input.sliced(cut) }) {
-        buffer.append(piece);
-        receiveLines(buffer, searched, queue);
+        std::memcpy(buffer.space(piece.size()), piece.data(), static_cast<size_t>(piece.size()));
+        buffer.added(piece.size());
+        receiveLines(buffer, queue);
     }
-    receiveLine(buffer, queue);
+    receiveLine(buffer.rest(), queue);
     queue.endInput();
-    while (const std::optional<QJsonObject> request = queue.take())
-        handle(*request);
+    while (const std::optional<Request> request = queue.take())
+        handle(request->message);
 
     // As many answers as lines that are a request or no message at all.
     qsizetype expected = 0;
@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         expected
                 += !line.isEmpty() && (!document.isObject() || document.object().contains("id"_L1));
     }
-    if (writtenMessages().size() != expected)
+    if (writtenLines().size() != expected)
         std::abort();
     return 0;
 }

@@ -13,6 +13,7 @@
 #include <QVariant>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -36,24 +37,21 @@ template <typename Block> Block special(Block block)
         return common | (block > 0x7f);
 }
 
-// How a string writes a byte below 0x80: as itself (0), with a letter behind the backslash, or by
+// How a string writes what is below 0x80: as itself (0), with a letter behind the backslash, or by
 // its number ('u').
-constexpr struct EscapeTable
-{
-    constexpr EscapeTable()
-    {
-        for (int c = 0; c < 0x20; ++c)
-            letter[c] = 'u';
-        letter['\b'] = 'b';
-        letter['\t'] = 't';
-        letter['\n'] = 'n';
-        letter['\f'] = 'f';
-        letter['\r'] = 'r';
-        letter['"'] = '"';
-        letter['\\'] = '\\';
-    }
-    char letter[0x80] {};
-} escapes;
+constexpr auto Escapes = [] {
+    std::array<char, 0x80> letters {};
+    for (size_t c = 0; c < 0x20; ++c)
+        letters[c] = 'u';
+    letters[u'\b'] = 'b';
+    letters[u'\t'] = 't';
+    letters[u'\n'] = 'n';
+    letters[u'\f'] = 'f';
+    letters[u'\r'] = 'r';
+    letters[u'"'] = '"';
+    letters[u'\\'] = '\\';
+    return letters;
+}();
 
 char *putNumbered(char *out, char16_t unit)
 {
@@ -71,7 +69,7 @@ template <bool nested> void putCharacter(const char16_t *&text, const char16_t *
 {
     const char16_t unit = *text++;
     if (unit < 0x80) {
-        const char letter = escapes.letter[unit];
+        const char letter = Escapes[unit];
         if (letter == 0) {
             *out++ = static_cast<char>(unit);
             return;
