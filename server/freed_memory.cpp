@@ -2,6 +2,8 @@
 
 #include "server_limits.h"
 
+#include <cstdlib>
+
 #include <malloc.h>
 
 namespace {
@@ -26,8 +28,12 @@ PromptRelease::PromptRelease(bool isWanted) : wanted(isWanted)
 
 PromptRelease::~PromptRelease()
 {
-    if (wanted)
-        mallopt(M_TRIM_THRESHOLD, KeptBytes);
+    if (!wanted)
+        return;
+    // What is small was only put aside; a large block makes malloc join it and give it back.
+    void *volatile const large = std::malloc(PromptKeptBytes);
+    std::free(large);
+    mallopt(M_TRIM_THRESHOLD, KeptBytes);
 }
 
 void FreedMemory::used(qsizetype bytes)

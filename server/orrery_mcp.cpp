@@ -217,18 +217,31 @@ public:
         changed.notify_one();
     }
 
+    // The reader has freed what was large, without a request for the main thread.
+    void noteFreed()
+    {
+        {
+            const std::lock_guard lock(mutex);
+            readerFreed = true;
+        }
+        changed.notify_one();
+    }
+
     // Waits for the next request; nothing once input has ended and every request was taken. When
     // none comes for a while, freed memory goes back to the system.
     std::optional<Request> take()
     {
         std::unique_lock lock(mutex);
         const auto ready = [this] { return inputEnded || !requests.empty(); };
-        if (!changed.wait_for(lock, Limits::Quiet, ready)) {
+        while (!changed.wait_for(lock, Limits::Quiet, ready)) {
+            readerFreed = false;
             lock.unlock();
             g_freedMemory.giveBack();
             lock.lock();
-            changed.wait(lock, ready);
+            changed.wait(lock, [&] { return readerFreed || ready(); });
         }
+        if (std::exchange(readerFreed, false))
+            g_freedMemory.used(Limits::LargeBytes);
         if (requests.empty())
             return {};
         Request request = std::move(requests.front());
@@ -237,10 +250,11 @@ public:
     }
 
 private:
-    std::mutex mutex; // guards requests and inputEnded
+    std::mutex mutex; // guards the rest
     std::condition_variable changed;
     std::deque<Request> requests;
     bool inputEnded = false;
+    bool readerFreed = false;
 };
 
 // Cancels the call in flight if that is the one named. True when it was.
@@ -286,9 +300,12 @@ void receiveLine(QByteArrayView line, RequestQueue &queue)
 void receiveLines(LineBuffer &input, RequestQueue &queue)
 {
     while (const std::optional<QByteArrayView> line = input.takeLine()) {
-        const PromptRelease prompt(line->size() >= Limits::LargeBytes);
+        const bool isLarge = line->size() >= Limits::LargeBytes;
+        const PromptRelease prompt(isLarge);
         receiveLine(*line, queue);
         input.releaseTaken();
+        if (isLarge)
+            queue.noteFreed();
     }
 }
 
@@ -533,7 +550,6 @@ bool takeResponse(LineBuffer &input, int requestId, std::optional<QJsonObject> *
             return refuse(u"Orrery sent a line of more than 256 MiB"_s);
         if (isTooCostly(*line))
             return refuse(u"Orrery sent a line that takes more than 1.25 GiB of memory to read"_s);
-        g_freedMemory.used(line->size());
         const QJsonObject message = parseObject(*line).value_or(QJsonObject());
         input.releaseTaken();
         if (!message.contains("result"_L1) && !message.contains("error"_L1))
@@ -553,11 +569,11 @@ bool takeResponse(LineBuffer &input, int requestId, std::optional<QJsonObject> *
 // also one for writing, and waitForReadyRead() does not count those.
 bool Pipe::takeInput(QString *error)
 {
-    const qint64 available = sock.bytesAvailable();
-    if (available <= 0)
-        return takeResponse(readBuffer, nextId, &answer, error);
-    const qint64 count = sock.read(readBuffer.space(available), available);
-    readBuffer.added(std::max<qint64>(count, 0));
+    if (const qint64 available = sock.bytesAvailable(); available > 0) {
+        const qint64 count = sock.read(readBuffer.space(available), available);
+        readBuffer.added(std::max<qint64>(count, 0));
+        g_freedMemory.used(readBuffer.rest().size());
+    }
     return takeResponse(readBuffer, nextId, &answer, error);
 }
 
