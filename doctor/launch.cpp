@@ -22,10 +22,12 @@ namespace {
 
 constexpr int LaunchMs = 60'000; // the server's own 30 s, and time to allow the client
 constexpr int LookMs = 30'000;
-constexpr int DirectMs = 10'000;
+constexpr int MoreMs = 2'000; // for dying again, on top of what it took before
+constexpr int SettleMs = 1'000;
 constexpr int SliceMs = 100;
 constexpr int KillMs = 2'000;
-constexpr unsigned long ClosedPauseMs = 10; // no wait lasts on an output that was closed
+constexpr unsigned long PauseMs
+        = 10; // also where a wait does not last, on an output that was closed
 constexpr qsizetype KeptBytes = 65'536;
 constexpr unsigned long HandOverMs = 500; // from a starter that ends to the application it started
 
@@ -59,7 +61,7 @@ void end(QProcess &process)
 
 // Starts the application once more, now with its standard error kept, and ends it if it stays. How
 // that went, and its last words.
-QString startDirectly(QStringList *words)
+QString startDirectly(int limitMs, QStringList *words)
 {
     const QString image = OrreryControl::ownAppImage();
     QProcess app;
@@ -68,26 +70,26 @@ QString startDirectly(QStringList *words)
     app.setReadChannel(QProcess::StandardError);
     app.start(image.isEmpty() ? OrreryControl::siblingPath(u"orrery"_s) : image, {});
     QByteArray output;
-    const QDeadlineTimer deadline(DirectMs);
+    const QDeadlineTimer deadline(limitMs);
     do {
         if (!app.waitForReadyRead(SliceMs))
-            QThread::msleep(ClosedPauseMs);
+            QThread::msleep(PauseMs);
         output = (output + app.readAllStandardError()).right(KeptBytes);
     } while (app.state() != QProcess::NotRunning && !deadline.hasExpired());
     *words = lastLines(output);
     if (app.state() != QProcess::NotRunning) {
         end(app);
-        return u"stayed for %1 s, and was ended"_s.arg(DirectMs / 1'000);
+        return u"stayed for %1 s, and was ended"_s.arg(limitMs / 1'000);
     }
     return app.error() == QProcess::FailedToStart
                    ? u"did not start: "_s + app.errorString()
                    : ending(app.exitCode(), app.exitStatus() == QProcess::CrashExit);
 }
 
-void reportDeath(Report &report, const QString &how)
+void reportDeath(Report &report, const QString &how, qint64 tookMs)
 {
     QStringList words;
-    const QString again = startDirectly(&words);
+    const QString again = startDirectly(static_cast<int>(tookMs) + MoreMs, &words);
     report.fault(
             u"launch"_s,
             u"Orrery %1 when the server started it; started directly, it %2."_s.arg(how, again),
@@ -124,18 +126,26 @@ bool launchApplication(Report &report, ServerProcess &server)
     const ToolAnswer answer = callTool(server, u"launch_app"_s, LaunchMs, isDead);
     const qint64 took = timer.elapsed();
     const QJsonObject &result = answer.object;
-    if (death && HostProcess::findApp() == 0) {
+    const bool isUp = result["socketReady"_L1].toBool() || result["alreadyRunning"_L1].toBool();
+    // The server may learn of an end from the connection, before the process is quite gone.
+    for (const QDeadlineTimer deadline(SettleMs); !isUp && !death && !deadline.hasExpired();) {
+        death = endedOrphan(server.processId());
+        QThread::msleep(PauseMs);
+    }
+    const bool isRunning = HostProcess::findApp() != 0;
+    if (!isRunning && death) {
         server.stop(); // it would greet the next one
-        reportDeath(report, *death);
-    } else if (!answer.error.isEmpty())
+        reportDeath(report, *death, took);
+    } else if (!answer.error.isEmpty()) {
         reportFailure(report, answer.error);
-    else if (result["alreadyRunning"_L1].toBool())
+    } else if (!isUp) {
+        reportFailure(report, u"its socket did not come up, or it did not answer the greeting"_s);
+    } else if (result["alreadyRunning"_L1].toBool()) {
         report.ok(u"launch"_s, u"Orrery runs already; nothing was started."_s);
-    else if (result["socketReady"_L1].toBool())
+    } else {
         report.ok(u"launch"_s,
                   u"Orrery was started and answered within %1 ms; it keeps running."_s.arg(took));
-    else
-        reportFailure(report, u"its socket did not come up, or it did not answer the greeting"_s);
+    }
     return !report.hasFault();
 }
 
@@ -149,8 +159,10 @@ void look(Report &report, ServerProcess &server)
         report.ok(u"call"_s, u"list_vms was answered in %1 ms."_s.arg(timer.elapsed()));
     else
         report.fault(u"call"_s, u"list_vms failed: %1"_s.arg(answer.error),
-                     u"An \"Orrery error\" is the application's own word, and tells what it wants; "
-                     "for other texts see the lines above and the manual page orrery-mcp(1)."_s);
+                     answer.error.startsWith("Orrery error"_L1)
+                             ? u"That is the application's own word, and tells what it wants."_s
+                             : u"Orrery may be asking in its window whether to allow this client, "
+                               "or hang: then end it and start it again."_s);
 }
 
 } // namespace
