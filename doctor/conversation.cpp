@@ -72,11 +72,11 @@ bool askStatus(Report &report, ServerProcess &server)
     else if (status.object["socketReachable"_L1].toBool())
         report.ok(name, u"The server sees Orrery and somebody on the socket%1."_s.arg(took));
     else
-        report.fault(
-                name,
-                u"The server sees Orrery and cannot reach its socket%1: each call would fail "
-                "after half a minute."_s.arg(took),
-                u"The lines above say why; if none does, Orrery hangs: end it and start it again."_s);
+        report.fault(name,
+                     u"The server sees Orrery and cannot reach its socket%1: each call would fail "
+                     "after half a minute."_s.arg(took),
+                     u"The lines above say why; if none does, Orrery hangs: end it and start it "
+                     "again."_s);
     return status.error.isEmpty();
 }
 

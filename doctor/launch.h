@@ -5,16 +5,19 @@
 #include <QJsonObject>
 #include <QString>
 
+#include <functional>
+
 class Report;
 class ServerProcess;
 
-// The object in a tool's result, or why there is none.
+// The object in a tool's result, or why there is none: a tool's own error text is a reason too.
 struct ToolAnswer
 {
     QJsonObject object;
     QString error;
 };
 
+// Calls a tool without arguments; limitMs and giveUp as in ServerProcess::ask().
 [[nodiscard]] ToolAnswer callTool(ServerProcess &server, const QString &tool, int limitMs,
                                   const std::function<bool()> &giveUp = {});
 
@@ -23,4 +26,5 @@ struct ToolAnswer
 // To be called first.
 void adoptOrphans();
 
+// Does nothing when the report has a fault already.
 void checkLaunch(Report &report, ServerProcess &server);
