@@ -47,14 +47,6 @@ QString environValue(const QByteArray &environ, const QByteArray &name)
     return {};
 }
 
-// The same of the environment that a process was started with; null also when it cannot be read.
-QString startEnv(unsigned long pid, const QByteArray &name)
-{
-    QFile environ(procPath(pid, "environ"_L1));
-    return environ.open(QIODevice::ReadOnly) ? environValue(environ.read(MaxEnvironBytes), name)
-                                             : QString();
-}
-
 // The parent's id in a process's status line, 0 when there is none.
 unsigned long statParent(const QByteArray &stat)
 {
@@ -79,6 +71,13 @@ bool sameContents(const QString &a, const QString &b)
 } // namespace
 
 namespace OrreryControl {
+
+QString startEnv(unsigned long pid, const QByteArray &name)
+{
+    QFile environ(procPath(pid, "environ"_L1));
+    return environ.open(QIODevice::ReadOnly) ? environValue(environ.read(MaxEnvironBytes), name)
+                                             : QString();
+}
 
 QString ownAppImage()
 {

@@ -31,6 +31,10 @@ namespace OrreryControl {
 // compared), the path is the one inside this program's own mount. Empty when it cannot be read.
 [[nodiscard]] QString processImagePath(unsigned long pid);
 
+// The value of a variable in the environment that a process was started with (/proc/PID/environ,
+// its first MiB), decoded from the local encoding. Null when it is not there or cannot be read.
+[[nodiscard]] QString startEnv(unsigned long pid, const QByteArray &name);
+
 // processImagePath() of the process's parent; empty when there is none or it cannot be read.
 [[nodiscard]] QString parentImagePath(unsigned long pid);
 

@@ -7,6 +7,7 @@
 
 #include <climits>
 #include <csignal>
+#include <limits>
 
 #include <poll.h>
 #include <sys/stat.h>
@@ -15,15 +16,18 @@
 
 using namespace Qt::StringLiterals;
 
-namespace HostProcess {
+namespace {
 
-unsigned long findApp()
+// The first processes of the application in listing order, at most limit of them: looking at a
+// process can mean comparing files.
+QList<unsigned long> search(qsizetype limit)
 {
     const QString app = OrreryControl::siblingPath(u"orrery"_s);
     const QString appPath = app.isEmpty() ? QString() : QFileInfo(app).canonicalFilePath();
     if (appPath.isEmpty())
-        return 0;
+        return {};
 
+    QList<unsigned long> found;
     const QStringList entries
             = QDir(u"/proc"_s).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::NoSort);
     for (const QString &entry : entries) {
@@ -38,10 +42,20 @@ unsigned long findApp()
             || status.st_uid != getuid())
             continue;
         if (OrreryControl::processImagePath(pid) == appPath)
-            return pid;
+            found += pid;
+        if (found.size() == limit)
+            break;
     }
-    return 0;
+    return found;
 }
+
+} // namespace
+
+namespace HostProcess {
+
+unsigned long findApp() { return search(1).value(0); }
+
+QList<unsigned long> findApps() { return search(std::numeric_limits<qsizetype>::max()); }
 
 QString exeVersion([[maybe_unused]] const QString &path, const QString &key)
 {

@@ -3,6 +3,7 @@
 
 #pragma once
 
+#include <QList>
 #include <QString>
 
 namespace HostProcess {
@@ -10,6 +11,9 @@ namespace HostProcess {
 // The id of a running process of this user that executes the application's file next to this
 // program (proc(5)); 0 when there is none. Where several run, the first that /proc lists.
 [[nodiscard]] unsigned long findApp();
+
+// All of them, in that order.
+[[nodiscard]] QList<unsigned long> findApps();
 
 // The version of the executable at path: the product version ("0.1.147") for the key
 // "ProductVersion", the build number ("147") for every other key. Both are fixed when the program
