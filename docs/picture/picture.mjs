@@ -57,12 +57,12 @@ async function call(page, tool, fields, wanted) {
   return answer.jsonValue();
 }
 
-const { inspector, address } = await startInspector();
 const browser = await chromium.launch({
   executablePath: process.env.CHROMIUM ?? '/usr/bin/chromium',
   args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
          '--disable-background-networking', '--disable-component-update', '--disable-sync'],
 });
+const { inspector, address } = await startInspector();
 try {
   const page = await browser.newPage({ viewport: { width: 1280, height: 690 } });
   await page.goto(address);
@@ -80,4 +80,5 @@ try {
 } finally {
   await browser.close();
   inspector.kill();
+  await once(inspector, 'exit');
 }
