@@ -1,5 +1,6 @@
-"""Parses every snippet of docs/clients.md with its own format's parser, and looks for what a client
-with a bare environment has to pass on. usage: docs.py DOCS_FOLDER SERVER_SOURCE"""
+"""Parses every snippet of the pages with its own format's parser, and looks for what a client with a
+bare environment has to pass on and for what the pages must have from the sources.
+usage: docs.py SOURCE_FOLDER"""
 
 import json
 import pathlib
@@ -8,25 +9,30 @@ import subprocess
 import sys
 import tomllib
 
-DESKTOP = ["DISPLAY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS",
-           "XAUTHORITY", "TMPDIR"]
+DESKTOP = ["DISPLAY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "XAUTHORITY"]
 
-text = (pathlib.Path(sys.argv[1]) / "clients.md").read_text(encoding="utf-8")
-snippets = re.findall(r"^```(\w+)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
-assert len(snippets) >= 8, "where are the snippets?"
-for language, snippet in snippets:
-    if language == "json":
-        json.loads(snippet)
-    elif language == "toml":
-        tomllib.loads(snippet)
-    else:
-        assert language == "sh", language
-        subprocess.run(["sh", "-n"], input=snippet, text=True, check=True)
-complete = sum(all(name in snippet for name in DESKTOP) for _, snippet in snippets)
-assert complete >= 4, f"only {complete} snippets pass the whole desktop on"
+root = pathlib.Path(sys.argv[1])
+pages = {path.name: path.read_text(encoding="utf-8")
+         for path in [root / "README.md", *root.glob("docs/*.md")]}
+for name, text in pages.items():
+    for language, snippet in re.findall(r"^```(\w+)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL):
+        if language == "json":
+            json.loads(snippet)
+            assert '"env"' not in snippet or all(name in snippet for name in DESKTOP), snippet
+        elif language == "toml":
+            tomllib.loads(snippet)
+        else:
+            assert language == "sh", (name, language)
+            subprocess.run(["sh", "-n"], input=snippet, text=True, check=True)
 
 # Every text that the server can answer with is explained.
-source = re.sub(r'"\s+u?"', "", pathlib.Path(sys.argv[2]).read_text(encoding="utf-8"))
-for answer in re.findall(r'u"([A-Zcwuq][^"]{15,}[^" ])"_s', source):
+source = (root / "server/orrery_mcp.cpp").read_text(encoding="utf-8")
+for answer in re.findall(r'u"([A-Zcwuq][^"]{15,}[^" ])"_s', re.sub(r'"\s+u?"', "", source)):
     if not answer.startswith(("Orrery error", "Orrery call failed", "Method not found")):
-        assert answer in text, f"not explained: {answer}"
+        assert answer in pages["clients.md"], f"not explained: {answer}"
+
+# The pages on the tools have them all.
+subprocess.run([sys.executable, root / "script/tools-page", "--check"], check=True)
+tools = json.loads((root / "server/contract.json").read_text(encoding="utf-8"))["tools"]
+for tool in tools:
+    assert f"`{tool['name']}`" in pages["README.md"], f"README.md lacks {tool['name']}"
