@@ -1,0 +1,64 @@
+// The simulated host: its machines, the jobs that create some, its networking, and time passing.
+
+#pragma once
+
+#include "answers.h"
+#include "machine.h"
+
+#include <QJsonArray>
+
+#include <list>
+
+// What the host offers, newest or preferred first.
+QJsonArray imagesFor(bool macOS);
+QStringList bridgeInterfaces();
+
+struct Job
+{
+    bool runs() const;
+
+    QJsonObject status; // as job_status returns it
+    QJsonObject arguments; // of create_vm
+    QElapsedTimer age;
+};
+
+class World
+{
+public:
+    using EventSink = std::function<void(const QString &event, const QJsonObject &detail)>;
+
+    explicit World(EventSink sink);
+
+    // Moves the running jobs on; to be called a few times a second.
+    void tick();
+
+    // The job that creates a machine of create_vm's arguments.
+    const Job &startCreation(const QJsonObject &arguments);
+
+    Machine *findMachine(const QString &id);
+    Job *findJob(const QString &jobId);
+
+    // What speaks against a machine with these settings on this host; empty when nothing does.
+    QString hardwareComplaint(const QJsonObject &settings) const;
+
+    // Looks at a machine until it has seen enough or the time is up, and answers with the result.
+    struct Sight
+    {
+        bool enough;
+        QJsonObject result;
+    };
+    Answer watch(const Machine &machine, int seconds, std::function<Sight(const Machine &)> look);
+
+    int newNumber() { return ++lastNumber; } // of a machine, job or folder
+
+    std::list<Machine> machines;
+    std::list<Job> jobs; // newest first
+    bool networkingInstalled = false;
+
+private:
+    Machine &addMachine(QJsonObject arguments);
+    void advance(Job &job);
+
+    EventSink sink;
+    int lastNumber = 0;
+};
