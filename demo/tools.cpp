@@ -38,6 +38,12 @@ std::optional<Answer> refuseUnless(Needs need, const Machine &machine, const QJs
         return mustBe("running"_L1);
     case Needs::Stopped:
         return mustBe("stopped"_L1);
+    case Needs::NotSuspended:
+        return refuse(!machine.is("suspended"_L1), u"wrong_state"_s,
+                      u"the VM is suspended; wake it with suspend_resume_vm"_s);
+    case Needs::NotStopped:
+        return refuse(!machine.is("stopped"_L1), u"wrong_state"_s,
+                      u"the VM is stopped; boot it with start_vm"_s);
     case Needs::Installed:
         return refuse(machine.settings["installed"_L1].toBool(), u"not_ready"_s,
                       u"no system is installed yet (finish_install)"_s);

@@ -11,6 +11,8 @@
 enum class Needs {
     Running,
     Stopped,
+    NotSuspended,
+    NotStopped,
     Installed, // a system on its disk
     GuestTools,
     Ssh, // provisioned

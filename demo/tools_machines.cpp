@@ -84,11 +84,10 @@ Answer createVm(World &world, const QJsonObject &arguments)
 {
     if (const QString complaint = creationComplaint(world, arguments); !complaint.isEmpty())
         return wrong(complaint);
-    const QString jobId = world.startCreation(arguments).status["jobId"_L1].toString();
+    const Job &job = world.startCreation(arguments);
     if (arguments["async"_L1].toBool())
-        return ok({ { u"jobId"_s, jobId } });
-    return { {}, [&world, jobId]() -> std::optional<Answer> {
-                const Job &job = *world.findJob(jobId);
+        return ok({ { u"jobId"_s, job.status["jobId"_L1] } });
+    return { {}, [&world, &job]() -> std::optional<Answer> {
                 if (job.runs())
                     return {};
                 const Machine *machine = world.findMachine(job.status["vmId"_L1].toString());
@@ -118,8 +117,6 @@ Answer listJobs(World &world, const QJsonObject &)
 
 Answer startVm(World &world, Machine &machine, const QJsonObject &)
 {
-    if (machine.is("suspended"_L1))
-        return fail(u"wrong_state"_s, u"the VM is suspended; wake it with suspend_resume_vm"_s);
     const QString complaint = world.hardwareComplaint(machine.settings);
     if (!complaint.isEmpty())
         return fail(u"not_ready"_s, complaint);
@@ -144,8 +141,6 @@ Answer stopVm(World &world, Machine &machine, const QJsonObject &arguments)
 
 Answer suspendResumeVm(World &, Machine &machine, const QJsonObject &)
 {
-    if (machine.is("stopped"_L1))
-        return fail(u"wrong_state"_s, u"the VM is stopped; boot it with start_vm"_s);
     machine.setState(machine.is("running"_L1) ? "suspended"_L1 : "running"_L1);
     return ok(machine.pick({ "id"_L1, "state"_L1 }));
 }
@@ -213,9 +208,9 @@ std::vector<Tool> machineTools()
         { "job_status"_L1, {}, jobStatus },
         { "job_wait"_L1, {}, jobWait },
         { "list_jobs"_L1, {}, listJobs },
-        { "start_vm"_L1, {}, startVm },
+        { "start_vm"_L1, { NotSuspended }, startVm },
         { "stop_vm"_L1, {}, stopVm },
-        { "suspend_resume_vm"_L1, {}, suspendResumeVm },
+        { "suspend_resume_vm"_L1, { NotStopped }, suspendResumeVm },
         { "delete_vm"_L1, { Stopped, Confirm }, deleteVm },
         { "wait_for_state"_L1, {}, waitForState },
         { "get_diagnostics"_L1, {}, getDiagnostics },

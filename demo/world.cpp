@@ -42,17 +42,16 @@ bool Job::runs() const { return status["state"_L1].toString() == "running"_L1; }
 
 World::World(EventSink eventSink) : sink(std::move(eventSink))
 {
-    const auto add
-            = [this](const QString &os, const QString &name, QLatin1StringView state, bool tools) {
-                  addMachine({ { u"os"_s, os },
-                               { u"name"_s, name },
-                               { u"cpu"_s, 4 },
-                               { u"ramGB"_s, 8 },
-                               { u"diskGB"_s, 64 },
-                               { u"network"_s, u"nat"_s },
-                               { u"unattended"_s, tools } })
-                          .setState(state);
-              };
+    const auto add = [this](const QString &os, const QString &name, const auto &state, bool tools) {
+        addMachine({ { u"os"_s, os },
+                     { u"name"_s, name },
+                     { u"cpu"_s, 4 },
+                     { u"ramGB"_s, 8 },
+                     { u"diskGB"_s, 64 },
+                     { u"network"_s, u"nat"_s },
+                     { u"unattended"_s, tools } })
+                .setState(state);
+    };
     add(u"linux"_s, u"Debian 12"_s, "running"_L1, true);
     add(u"windows"_s, u"Windows 11"_s, "stopped"_L1, false);
     add(u"macOS"_s, u"macOS 15"_s, "suspended"_L1, true);

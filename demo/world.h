@@ -52,7 +52,7 @@ public:
     int newNumber() { return ++lastNumber; } // of a machine, job or folder
 
     std::list<Machine> machines;
-    std::list<Job> jobs; // newest first
+    std::list<Job> jobs; // newest first; none is ever removed
     bool networkingInstalled = false;
 
 private:
