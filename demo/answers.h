@@ -37,6 +37,12 @@ inline Answer unavailable()
                 QStringLiteral("not available in the demonstration"));
 }
 
+inline Answer noNetworking()
+{
+    return fail(QStringLiteral("not_ready"),
+                QStringLiteral("the networking service is not installed (networking_install)"));
+}
+
 // An answer that poll() gives once it can; it learns whether that many milliseconds have passed.
 inline Answer until(qint64 ms, std::function<std::optional<Answer>(bool timeUp)> poll)
 {

@@ -7,7 +7,8 @@
 
 using namespace Qt::StringLiterals;
 
-constexpr int BootLineMs = 300;
+constexpr qint64 BootLineMs = 300;
+constexpr qint64 BootLines = 4; // before the login
 
 Machine Machine::created(const QJsonObject &arguments)
 {
@@ -61,6 +62,11 @@ QStringList Machine::screenLines() const
     return lines.join(u'\n').split(u'\n');
 }
 
+bool Machine::hasBooted() const
+{
+    return started.isValid() && started.hasExpired(BootLines * BootLineMs);
+}
+
 QJsonObject Machine::pick(std::initializer_list<QLatin1StringView> keys) const
 {
     QJsonObject picked;
@@ -71,10 +77,10 @@ QJsonObject Machine::pick(std::initializer_list<QLatin1StringView> keys) const
 
 void Machine::setState(QLatin1StringView state)
 {
+    if (is("stopped"_L1))
+        started.start(); // what is resumed goes on where it was
     settings["state"_L1] = state;
-    if (state == "running"_L1)
-        started.start();
-    else if (state == "stopped"_L1)
+    if (state == "stopped"_L1)
         typed.clear();
     note("state is now "_L1 + state);
 }

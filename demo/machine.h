@@ -17,6 +17,7 @@ struct Machine
     bool is(QLatin1StringView state) const { return text(QLatin1StringView("state")) == state; }
     QSize display() const; // in pixels
     QStringList screenLines() const; // what the console shows now
+    bool hasBooted() const; // since the last start
 
     // What a tool gives of the machine: the settings of these names.
     QJsonObject pick(std::initializer_list<QLatin1StringView> keys) const;

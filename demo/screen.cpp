@@ -8,6 +8,7 @@
 #include <QImage>
 #include <QJsonArray>
 #include <QPainter>
+#include <QTemporaryFile>
 
 using namespace Qt::StringLiterals;
 
@@ -38,10 +39,11 @@ QImage paintScreen(const Machine &machine)
     return screen;
 }
 
-// What of the screen is asked for; empty, and what is wrong in error, where there is no such
-// part.
-QRect askedRegion(const QJsonArray &asked, const QRect &screen, QString *error)
+} // namespace
+
+QRect askedRegion(const QJsonObject &arguments, const QRect &screen, QString *error)
 {
+    const QJsonArray asked = arguments["region"_L1].toArray();
     if (asked.isEmpty())
         return screen;
     if (asked.size() != 4) {
@@ -58,13 +60,11 @@ QRect askedRegion(const QJsonArray &asked, const QRect &screen, QString *error)
     return {};
 }
 
-} // namespace
-
 std::optional<QJsonObject> captureScreen(const Machine &machine, const QJsonObject &arguments,
                                          QString *error)
 {
     const QImage screen = paintScreen(machine);
-    const QRect region = askedRegion(arguments["region"_L1].toArray(), screen.rect(), error);
+    const QRect region = askedRegion(arguments, screen.rect(), error);
     if (region.isEmpty())
         return {};
     const double scale = arguments["scale"_L1].toDouble(1);
@@ -90,13 +90,13 @@ std::optional<QJsonObject> captureScreen(const Machine &machine, const QJsonObje
         result["imageBase64"_L1] = QString::fromLatin1(bytes.toBase64());
         return result;
     }
-    const QString path = QDir::temp().filePath(
-            u"orrery-demo-%1.%2"_s.arg(machine.text("name"_L1).replace(u'/', u'_'), format));
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size()) {
-        *error = "cannot write "_L1 + path;
+    // Only the user may read it, under a name that nobody else can have taken before.
+    QTemporaryFile file(QDir::temp().filePath(u"orrery-demo-XXXXXX."_s + format));
+    file.setAutoRemove(false);
+    if (!file.open() || file.write(bytes) != bytes.size() || !file.flush()) {
+        *error = "cannot write a picture: "_L1 + file.errorString();
         return {};
     }
-    result["path"_L1] = path;
+    result["path"_L1] = file.fileName();
     return result;
 }

@@ -47,6 +47,9 @@ std::optional<Answer> refuseUnless(Needs need, const Machine &machine, const QJs
     case Needs::Installed:
         return refuse(machine.settings["installed"_L1].toBool(), u"not_ready"_s,
                       u"no system is installed yet (finish_install)"_s);
+    case Needs::Booted:
+        return refuse(machine.hasBooted(), u"not_ready"_s,
+                      u"the guest has not booted yet (wait_for_text)"_s);
     case Needs::GuestTools:
         return refuse(!machine.settings["guestTools"_L1].isNull(), u"not_ready"_s,
                       u"needs the guest tools (apply_guest_tools)"_s);

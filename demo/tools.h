@@ -14,6 +14,7 @@ enum class Needs {
     NotSuspended,
     NotStopped,
     Installed, // a system on its disk
+    Booted, // of a running machine: its login shows
     GuestTools,
     Ssh, // provisioned
     Linux,

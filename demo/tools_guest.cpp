@@ -62,7 +62,7 @@ Answer commandResult(const QJsonValue &exitCode, const QString &out, const QStri
 Answer sleepInGuest(qint64 seconds, const QJsonObject &arguments)
 {
     const qint64 connecting = arguments["connectTimeoutSeconds"_L1].toInteger(10);
-    const qint64 command = arguments["commandTimeoutSeconds"_L1].toInteger(45);
+    const qint64 command = arguments["commandTimeoutSeconds"_L1].toInteger(35);
     const qint64 whole = arguments["timeoutSeconds"_L1].toInteger(connecting + command);
     const qint64 limit = std::min(command, whole);
     return after(std::min(seconds, limit) * 1'000, [=] {
@@ -100,8 +100,8 @@ std::vector<Tool> guestTools()
 {
     using enum Needs;
     return {
-        { "apply_guest_tools"_L1, { Running, Installed }, applyGuestTools },
-        { "provision_ssh"_L1, { Running, GuestTools }, provisionSsh },
+        { "apply_guest_tools"_L1, { Running, Installed, Booted }, applyGuestTools },
+        { "provision_ssh"_L1, { Running, GuestTools, Booted }, provisionSsh },
         { "ssh_status"_L1, {}, sshStatus },
         { "revoke_ssh"_L1, { Running }, revokeSsh },
         { "guest_network"_L1, { Running, GuestTools }, guestNetwork },

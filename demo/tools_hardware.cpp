@@ -20,8 +20,10 @@ Answer setHardware(World &world, Machine &machine, const QJsonObject &arguments)
         changed["bridgeInterface"_L1] = QJsonValue::Null;
     else if (changed["bridgeInterface"_L1].isNull())
         changed["bridgeInterface"_L1] = bridgeInterfaces().first();
-    if (const QString complaint = world.hardwareComplaint(changed); !complaint.isEmpty())
+    if (const QString complaint = hardwareComplaint(changed); !complaint.isEmpty())
         return wrong(complaint);
+    if (world.lacksNetworking(arguments)) // what was chosen before may stay
+        return noNetworking();
     machine.settings = changed;
     return ok(changed);
 }
@@ -58,11 +60,10 @@ Answer setAttachLinuxGuestTools(World &, Machine &machine, const QJsonObject &ar
 
 Answer setLinuxNetworkPath(World &world, Machine &machine, const QJsonObject &arguments)
 {
-    QJsonObject changed = machine.settings;
-    changed["linuxNetworkDriver"_L1] = arguments["driver"_L1];
-    if (const QString complaint = world.hardwareComplaint(changed); !complaint.isEmpty())
-        return wrong(complaint);
-    machine.settings = changed;
+    const QJsonObject changed { { u"linuxNetworkDriver"_s, arguments["driver"_L1] } };
+    if (world.lacksNetworking(changed))
+        return noNetworking();
+    machine.settings["linuxNetworkDriver"_L1] = arguments["driver"_L1];
     return ok(machine.pick({ "id"_L1, "linuxNetworkDriver"_L1 }));
 }
 
@@ -77,6 +78,6 @@ std::vector<Tool> hardwareTools()
         { "set_installer_media"_L1, { Stopped, NotMacOS }, setInstallerMedia },
         { "finish_install"_L1, { Stopped }, finishInstall },
         { "set_attach_linux_guest_tools"_L1, { Stopped, Linux }, setAttachLinuxGuestTools },
-        { "set_linux_network_path"_L1, {}, setLinuxNetworkPath },
+        { "set_linux_network_path"_L1, { Linux }, setLinuxNetworkPath },
     };
 }

@@ -58,17 +58,16 @@ QString imageComplaint(const QJsonObject &arguments)
     const QFileInfo file(image);
     const bool isFile
             = file.isAbsolute() && file.isFile() && file.suffix() == (macOS ? "ipsw"_L1 : "iso"_L1);
+    if (isFile && arguments["unattended"_L1].toBool())
+        return u"unattended:true needs a listed image (list_images)"_s;
     return listed || isFile ? QString() : "there is no image for this os: "_L1 + image;
 }
 
 QString creationComplaint(const World &world, const QJsonObject &arguments)
 {
-    const bool nameTaken = std::any_of(
-            world.machines.begin(), world.machines.end(), [&](const Machine &machine) {
-                return machine.settings["name"_L1] == arguments["name"_L1];
-            });
-    if (nameTaken)
-        return u"the name %1 is taken"_s.arg(arguments["name"_L1].toString());
+    const QString name = arguments["name"_L1].toString();
+    if (world.isTaken(name))
+        return u"the name %1 is taken"_s.arg(name);
     if (const QString complaint = accountComplaint(arguments); !complaint.isEmpty())
         return complaint;
     if (arguments.contains("linuxExperience"_L1) && arguments["os"_L1].toString() != "linux"_L1)
@@ -77,13 +76,15 @@ QString creationComplaint(const World &world, const QJsonObject &arguments)
         if (const QString complaint = imageComplaint(arguments); !complaint.isEmpty())
             return complaint;
     }
-    return world.hardwareComplaint(arguments);
+    return hardwareComplaint(arguments);
 }
 
 Answer createVm(World &world, const QJsonObject &arguments)
 {
     if (const QString complaint = creationComplaint(world, arguments); !complaint.isEmpty())
         return wrong(complaint);
+    if (world.lacksNetworking(arguments))
+        return noNetworking();
     const Job &job = world.startCreation(arguments);
     if (arguments["async"_L1].toBool())
         return ok({ { u"jobId"_s, job.status["jobId"_L1] } });
@@ -117,9 +118,8 @@ Answer listJobs(World &world, const QJsonObject &)
 
 Answer startVm(World &world, Machine &machine, const QJsonObject &)
 {
-    const QString complaint = world.hardwareComplaint(machine.settings);
-    if (!complaint.isEmpty())
-        return fail(u"not_ready"_s, complaint);
+    if (world.lacksNetworking(machine.settings))
+        return noNetworking();
     if (!machine.is("running"_L1))
         machine.setState("running"_L1);
     return ok(machine.pick({ "id"_L1, "state"_L1 }));
@@ -157,10 +157,11 @@ Answer waitForState(World &world, Machine &machine, const QJsonObject &arguments
     const QString target = arguments["target"_L1].toString(u"running"_s);
     return world.watch(
             machine, arguments["timeoutSeconds"_L1].toInt(45),
-            [target](const Machine &now) -> World::Sight {
+            [target](const Machine &now, bool timeUp) -> std::optional<Answer> {
                 const bool reached = now.text("state"_L1) == target;
-                return { reached,
-                         { { u"reached"_s, reached }, { u"state"_s, now.settings["state"_L1] } } };
+                if (!reached && !timeUp)
+                    return {};
+                return ok({ { u"reached"_s, reached }, { u"state"_s, now.settings["state"_L1] } });
             });
 }
 

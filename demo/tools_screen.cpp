@@ -39,7 +39,12 @@ Answer capture(World &, Machine &machine, const QJsonObject &arguments)
 
 QStringList linesMatching(const Machine &machine, const QJsonValue &pattern)
 {
-    return machine.screenLines().filter(QRegularExpression(pattern.toString()));
+    static const QRegularExpression trailingBlanks(u"\\s+$"_s);
+    QStringList lines = machine.screenLines();
+    lines.replaceInStrings(trailingBlanks, QString());
+    while (!lines.isEmpty() && lines.last().isEmpty())
+        lines.removeLast();
+    return lines.filter(QRegularExpression(pattern.toString()));
 }
 
 Answer readConsoleText(World &, Machine &machine, const QJsonObject &arguments)
@@ -52,10 +57,14 @@ Answer waitForText(World &world, Machine &machine, const QJsonObject &arguments)
 {
     return world.watch(
             machine, arguments["timeoutSeconds"_L1].toInt(45),
-            [pattern = arguments["pattern"_L1]](const Machine &now) -> World::Sight {
+            [pattern = arguments["pattern"_L1]](const Machine &now,
+                                                bool timeUp) -> std::optional<Answer> {
+                if (!now.is("running"_L1))
+                    return fail(u"wrong_state"_s, "the VM is now "_L1 + now.text("state"_L1));
                 const QStringList lines = linesMatching(now, pattern);
-                return { !lines.isEmpty(),
-                         { { u"found"_s, !lines.isEmpty() }, { u"line"_s, lines.value(0) } } };
+                if (lines.isEmpty() && !timeUp)
+                    return {};
+                return ok({ { u"found"_s, !lines.isEmpty() }, { u"line"_s, lines.value(0) } });
             });
 }
 
@@ -110,7 +119,9 @@ QString inputComplaint(const QJsonObject &arguments, const QJsonArray &actions, 
         if (!complaint.isEmpty())
             return complaint;
     }
-    return {};
+    QString complaint;
+    askedRegion(arguments, { {}, screen }, &complaint);
+    return complaint;
 }
 
 Answer sendInput(World &world, Machine &machine, const QJsonObject &arguments)

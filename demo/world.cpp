@@ -38,6 +38,23 @@ QJsonArray imagesFor(bool macOS)
 
 QStringList bridgeInterfaces() { return { u"eth0"_s, u"wlan0"_s }; }
 
+QString hardwareComplaint(const QJsonObject &settings)
+{
+    const bool linux = settings["os"_L1].toString() == "linux"_L1;
+    const bool bridged = settings["network"_L1].toString() == "bridge"_L1;
+    const QString driver = settings["linuxNetworkDriver"_L1].toString();
+    const QString bridge = settings["bridgeInterface"_L1].toString();
+    if (!linux && (settings["rosetta"_L1].toBool() || !driver.isEmpty()))
+        return u"rosetta and linuxNetworkDriver are only for os:linux"_s;
+    if (settings["rosetta"_L1].toBool())
+        return u"this host has no rosetta (host_capabilities)"_s;
+    if (!bridge.isEmpty() && !bridged)
+        return u"bridgeInterface is only for network:bridge"_s;
+    if (!bridge.isEmpty() && !bridgeInterfaces().contains(bridge))
+        return u"there is no interface %1 (host_capabilities)"_s.arg(bridge);
+    return {};
+}
+
 bool Job::runs() const { return status["state"_L1].toString() == "running"_L1; }
 
 World::World(EventSink eventSink) : sink(std::move(eventSink))
@@ -75,9 +92,6 @@ Job *World::findJob(const QString &jobId)
 Machine &World::addMachine(QJsonObject arguments)
 {
     const QString os = arguments["os"_L1].toString();
-    const QString numbered = "%1 %2"_L1.arg(os, QString::number(newNumber()));
-    if (!arguments.contains("name"_L1))
-        arguments["name"_L1] = numbered;
     if (!arguments.contains("image"_L1))
         arguments["image"_L1] = newestImage(os);
     if (!arguments.contains("bridgeInterface"_L1))
@@ -86,28 +100,28 @@ Machine &World::addMachine(QJsonObject arguments)
     return machines.back();
 }
 
-QString World::hardwareComplaint(const QJsonObject &settings) const
+bool World::isTaken(const QString &name) const
 {
-    const bool linux = settings["os"_L1].toString() == "linux"_L1;
-    const bool bridged = settings["network"_L1].toString() == "bridge"_L1;
-    const QString driver = settings["linuxNetworkDriver"_L1].toString();
-    const QString bridge = settings["bridgeInterface"_L1].toString();
-    if (!linux && (settings["rosetta"_L1].toBool() || !driver.isEmpty()))
-        return u"rosetta and linuxNetworkDriver are only for os:linux"_s;
-    if (settings["rosetta"_L1].toBool())
-        return u"this host has no rosetta (host_capabilities)"_s;
-    if (!bridge.isEmpty() && !bridged)
-        return u"bridgeInterface is only for network:bridge"_s;
-    if (!bridge.isEmpty() && !bridgeInterfaces().contains(bridge))
-        return u"there is no interface %1 (host_capabilities)"_s.arg(bridge);
-    if ((bridged || driver == "service"_L1) && !networkingInstalled)
-        return u"the networking service is not installed (networking_install)"_s;
-    return {};
+    return std::any_of(machines.begin(), machines.end(),
+                       [&](const Machine &machine) { return machine.text("name"_L1) == name; })
+           || std::any_of(jobs.begin(), jobs.end(), [&](const Job &job) {
+                  return job.runs() && job.status["name"_L1] == name;
+              });
 }
 
-const Job &World::startCreation(const QJsonObject &arguments)
+bool World::lacksNetworking(const QJsonObject &settings) const
 {
-    const QString name = arguments["name"_L1].toString(arguments["os"_L1].toString());
+    return !networkingInstalled
+           && (settings["network"_L1].toString() == "bridge"_L1
+               || settings["linuxNetworkDriver"_L1].toString() == "service"_L1);
+}
+
+const Job &World::startCreation(QJsonObject arguments)
+{
+    QString name = arguments["name"_L1].toString();
+    while (name.isEmpty() || isTaken(name))
+        name = "%1 %2"_L1.arg(arguments["os"_L1].toString(), QString::number(newNumber()));
+    arguments["name"_L1] = name;
     jobs.push_front({ { { u"jobId"_s, u"job-%1"_s.arg(newNumber()) },
                         { u"kind"_s, u"create_vm"_s },
                         { u"name"_s, name },
@@ -143,15 +157,13 @@ void World::tick()
     }
 }
 
-Answer World::watch(const Machine &machine, int seconds, std::function<Sight(const Machine &)> look)
+Answer World::watch(const Machine &machine, int seconds, Look look)
 {
     const QString id = machine.text("id"_L1);
     return until(seconds * 1'000LL,
                  [=, this, look = std::move(look)](bool timeUp) -> std::optional<Answer> {
                      const Machine *now = findMachine(id);
-                     if (!now)
-                         return fail(u"not_found"_s, "there is no VM any more: "_L1 + id);
-                     const auto [enough, result] = look(*now);
-                     return enough || timeUp ? std::optional(ok(result)) : std::nullopt;
+                     return now ? look(*now, timeUp)
+                                : fail(u"not_found"_s, "there is no VM any more: "_L1 + id);
                  });
 }

@@ -13,6 +13,9 @@
 QJsonArray imagesFor(bool macOS);
 QStringList bridgeInterfaces();
 
+// What speaks against a machine with these settings; empty when nothing does.
+QString hardwareComplaint(const QJsonObject &settings);
+
 struct Job
 {
     bool runs() const;
@@ -33,21 +36,20 @@ public:
     void tick();
 
     // The job that creates a machine of create_vm's arguments.
-    const Job &startCreation(const QJsonObject &arguments);
+    const Job &startCreation(QJsonObject arguments);
 
     Machine *findMachine(const QString &id);
     Job *findJob(const QString &jobId);
 
-    // What speaks against a machine with these settings on this host; empty when nothing does.
-    QString hardwareComplaint(const QJsonObject &settings) const;
+    // Whether a machine has the name, or a running job is to give it to one.
+    bool isTaken(const QString &name) const;
 
-    // Looks at a machine until it has seen enough or the time is up, and answers with the result.
-    struct Sight
-    {
-        bool enough;
-        QJsonObject result;
-    };
-    Answer watch(const Machine &machine, int seconds, std::function<Sight(const Machine &)> look);
+    // Whether such settings ask for the networking service, which is not there.
+    bool lacksNetworking(const QJsonObject &settings) const;
+
+    // Looks at a machine until that gives an answer, as it must when the time is up.
+    using Look = std::function<std::optional<Answer>(const Machine &machine, bool timeUp)>;
+    Answer watch(const Machine &machine, int seconds, Look look);
 
     int newNumber() { return ++lastNumber; } // of a machine, job or folder
 
