@@ -1,8 +1,8 @@
 // A stand-in for the Orrery application, to try the server without it: serves the control pipe for
 // one user and lets simulated machines answer. It is a demonstration; no machine is real.
 
-#include "host.h"
 #include "orrery_control.h"
+#include "tools.h"
 
 #include <QDir>
 #include <QGuiApplication>
@@ -33,7 +33,7 @@ class ControlServer
 {
 public:
     ControlServer()
-        : host([this](const QString &event, const QJsonObject &detail) {
+        : world([this](const QString &event, const QJsonObject &detail) {
               broadcast(event, detail);
           })
     {
@@ -85,7 +85,7 @@ private:
                 QCoreApplication::quit();
             return;
         }
-        waiting.push_back({ &client, id, host.call(method, request["params"_L1].toObject()) });
+        waiting.push_back({ &client, id, call(world, method, request["params"_L1].toObject()) });
         answerWaiting();
     }
 
@@ -118,13 +118,13 @@ private:
 
     void tick()
     {
-        host.tick();
+        world.tick();
         answerWaiting();
     }
 
     QLocalServer server;
     QTimer timer;
-    Host host;
+    World world;
     std::list<Waiting> waiting;
 };
 

@@ -1,6 +1,6 @@
 #include "screen.h"
 
-#include "host.h"
+#include "machine.h"
 
 #include <QBuffer>
 #include <QDir>
@@ -8,6 +8,7 @@
 #include <QImage>
 #include <QJsonArray>
 #include <QPainter>
+#include <QTemporaryFile>
 
 using namespace Qt::StringLiterals;
 
@@ -18,8 +19,7 @@ constexpr int Margin = 16;
 
 QImage paintScreen(const Machine &machine)
 {
-    const QJsonObject display = machine.settings["display"_L1].toObject();
-    QImage screen(display["width"_L1].toInt(), display["height"_L1].toInt(), QImage::Format_RGB32);
+    QImage screen(machine.display(), QImage::Format_RGB32);
     screen.fill(QColor(18, 22, 32));
     QPainter painter(&screen);
     painter.fillRect(0, 0, screen.width(), 2 * Margin, QColor(52, 84, 138));
@@ -28,7 +28,7 @@ QImage paintScreen(const Machine &machine)
     painter.setFont(font);
     painter.setPen(Qt::white);
     painter.drawText(Margin, LineHeight,
-                     machine.text(u"name"_s) + " - demonstration, no real machine"_L1);
+                     machine.text("name"_L1) + " - demonstration, no real machine"_L1);
     painter.setPen(QColor(190, 220, 190));
     int y = 2 * Margin + LineHeight;
     const QStringList lines = machine.screenLines();
@@ -41,21 +41,32 @@ QImage paintScreen(const Machine &machine)
 
 } // namespace
 
-QJsonObject captureScreen(const Machine &machine, const QJsonObject &arguments)
+QRect askedRegion(const QJsonObject &arguments, const QRect &screen, QString *error)
+{
+    const QJsonArray asked = arguments["region"_L1].toArray();
+    if (asked.isEmpty())
+        return screen;
+    if (asked.size() != 4) {
+        *error = u"region must be [x, y, width, height]"_s;
+        return {};
+    }
+    const QRect region = QRectF(asked[0].toDouble(), asked[1].toDouble(), asked[2].toDouble(),
+                                asked[3].toDouble())
+                                 .toRect();
+    if (!region.isEmpty() && screen.contains(region))
+        return region;
+    *error = u"region must lie inside the screen of %1 x %2 pixels"_s.arg(screen.width())
+                     .arg(screen.height());
+    return {};
+}
+
+std::optional<QJsonObject> captureScreen(const Machine &machine, const QJsonObject &arguments,
+                                         QString *error)
 {
     const QImage screen = paintScreen(machine);
-    QRect region = screen.rect();
-    if (const QJsonArray asked = arguments["region"_L1].toArray(); !asked.isEmpty()) {
-        if (asked.size() != 4)
-            return { { u"error"_s, u"region must be [x, y, width, height]"_s } };
-        region = QRectF(asked[0].toDouble(), asked[1].toDouble(), asked[2].toDouble(),
-                        asked[3].toDouble())
-                         .toRect();
-        if (region.isEmpty() || !screen.rect().contains(region))
-            return { { u"error"_s,
-                       u"region must lie inside the screen of %1 x %2 pixels"_s.arg(screen.width())
-                               .arg(screen.height()) } };
-    }
+    const QRect region = askedRegion(arguments, screen.rect(), error);
+    if (region.isEmpty())
+        return {};
     const double scale = arguments["scale"_L1].toDouble(1);
     const QSize size = (QSizeF(region.size()) * scale).toSize().expandedTo({ 1, 1 });
     const QImage picture
@@ -65,24 +76,27 @@ QJsonObject captureScreen(const Machine &machine, const QJsonObject &arguments)
     QByteArray bytes;
     QBuffer buffer(&bytes);
     buffer.open(QIODevice::WriteOnly);
-    if (!picture.save(&buffer, format.toLatin1().constData()))
-        return { { u"error"_s, u"this host cannot write the format "_s + format } };
-
+    if (!picture.save(&buffer, format.toLatin1().constData())) {
+        *error = "this host cannot write the format "_L1 + format;
+        return {};
+    }
     QJsonObject result { { u"format"_s, format },
                          { u"width"_s, size.width() },
                          { u"height"_s, size.height() },
                          { u"scale"_s, scale },
                          { u"displayWidth"_s, screen.width() },
                          { u"displayHeight"_s, screen.height() } };
-    if (arguments["output"_L1].toString() == "file"_L1) {
-        const QString path = QDir::temp().filePath(
-                u"orrery-demo-%1.%2"_s.arg(machine.text(u"name"_s).replace(u'/', u'_'), format));
-        QFile file(path);
-        if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
-            return { { u"error"_s, "cannot write "_L1 + path } };
-        result["path"_L1] = path;
-    } else {
+    if (arguments["output"_L1].toString() != "file"_L1) {
         result["imageBase64"_L1] = QString::fromLatin1(bytes.toBase64());
+        return result;
     }
+    // Only the user may read it, under a name that nobody else can have taken before.
+    QTemporaryFile file(QDir::temp().filePath(u"orrery-demo-XXXXXX."_s + format));
+    file.setAutoRemove(false);
+    if (!file.open() || file.write(bytes) != bytes.size() || !file.flush()) {
+        *error = "cannot write a picture: "_L1 + file.errorString();
+        return {};
+    }
+    result["path"_L1] = file.fileName();
     return result;
 }

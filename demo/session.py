@@ -112,8 +112,8 @@ def main(folder):
     path.write_bytes(base64.b64decode(image["data"]))
     print(f"written to {path}")
 
-    step("A call that would wait for a minute is cancelled.")
-    waiting = client.start_call("wait_for_text", id=vm, pattern="never shown", timeoutSeconds=60)
+    step("A call that would wait for 45 seconds is cancelled.")
+    waiting = client.start_call("wait_for_text", id=vm, pattern="never shown", timeoutSeconds=45)
     time.sleep(0.5)  # let it get on its way; what is not in flight cannot be cancelled
     client.send("notifications/cancelled", {"requestId": waiting}, notification=True)
     client.answer(waiting)

@@ -75,6 +75,11 @@ void tst_catalogue::describesEachTool_data()
         QVERIFY2(text.endsWith(u'.') && text.size() <= MaxToolText, qPrintable(text));
         QVERIFY2(i < FixedTools || text.indexOf(u'.') < MaxFirstSentence, qPrintable(text));
         const QJsonObject schema = tool["inputSchema"_L1].toObject();
+        // Who has to confirm must learn what for.
+        QVERIFY2(!schema["properties"_L1].toObject().contains("confirm"_L1)
+                         || text.contains("Destructive: "_L1)
+                         || text.contains("cannot be undone"_L1),
+                 qPrintable(text));
         QTest::newRow(qPrintable(tool["name"_L1].toString())) << table[i] << schema;
         const QJsonValue actions = schema["properties"_L1]["actions"_L1]["items"_L1];
         if (actions.isObject())

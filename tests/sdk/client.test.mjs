@@ -66,6 +66,16 @@ test('sees the events of a job while it waits', async () => {
   assert.equal(object(await call('start_vm', { id: job.vmId })).state, 'running');
 });
 
+test('finds a resumed machine where it was', async () => {
+  const { vms } = object(await call('list_vms'));
+  const { id } = vms.find(vm => vm.state === 'suspended');
+  await call('suspend_resume_vm', { id });
+  assert.ok(object(await call('wait_for_text', { id, pattern: 'login:$' })).found);
+  await call('suspend_resume_vm', { id });
+  await call('suspend_resume_vm', { id });
+  assert.match(object(await call('read_console_text', { id })).text, /login:$/);
+});
+
 test('gets pictures of the asked size', async () => {
   const { vms } = object(await call('list_vms'));
   const id = vms.find(vm => vm.state === 'running').id;
@@ -83,12 +93,12 @@ test('pings during a call, and cancels it', async () => {
   const { vms } = object(await call('list_vms'));
   const id = vms.find(vm => vm.state === 'running').id;
   const abort = new AbortController();
-  const waiting = call('wait_for_text', { id, pattern: 'never shown', timeoutSeconds: 60 },
+  const waiting = call('wait_for_text', { id, pattern: 'never shown', timeoutSeconds: 45 },
                        { signal: abort.signal });
   waiting.catch(() => {});
   await client.ping({ timeout: 10_000 });
   abort.abort('enough');
   await assert.rejects(waiting, /enough/);
-  // Had the cancellation not reached the server, this would wait for the first call's minute.
+  // Had the cancellation not reached the server, this would wait for the first call's end.
   assert.equal(object(await call('list_vms', {}, { timeout: 30_000 })).vms.length, vms.length);
 });
