@@ -7,7 +7,6 @@
 //
 //   {"send": "text", "times": N}   the bytes; $id is the request's id, $n counts up
 //   {"fill": N}                    N bytes without a line feed
-//   {"file": "name"}               the contents of a file beside this program
 //   {"wait": MS}, {"close": 1}, {"exit": 1}
 //
 // Every line that it gets is appended to the file "received" beside it, a byte to "starts" at each
@@ -88,8 +87,6 @@ bool serve(int fd, const QByteArray &line)
         for (int n = 0; n < step["times"_L1].toInt(1); ++n)
             sendAll(fd, QByteArray(text).replace("$n", QByteArray::number(n)));
         sendAll(fd, QByteArray(step["fill"_L1].toInt(), 'x'));
-        if (QFile file(beside(step["file"_L1].toString())); file.open(QIODevice::ReadOnly))
-            sendAll(fd, file.readAll());
         QThread::msleep(static_cast<unsigned long>(step["wait"_L1].toInt()));
         if (step["exit"_L1].toInt() != 0)
             _exit(0);

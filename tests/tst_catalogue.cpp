@@ -75,6 +75,9 @@ void tst_catalogue::describesEachTool_data()
         QVERIFY2(text.endsWith(u'.') && text.size() <= MaxToolText, qPrintable(text));
         QVERIFY2(i < FixedTools || text.indexOf(u'.') < MaxFirstSentence, qPrintable(text));
         const QJsonObject schema = tool["inputSchema"_L1].toObject();
+        static const QRegularExpression warning(u"Destructive|for good|cannot be"_s);
+        QVERIFY2(!schema["properties"_L1]["confirm"_L1].isObject() || text.contains(warning),
+                 qPrintable(text));
         QTest::newRow(qPrintable(tool["name"_L1].toString())) << table[i] << schema;
         const QJsonValue actions = schema["properties"_L1]["actions"_L1]["items"_L1];
         if (actions.isObject())

@@ -2,8 +2,6 @@
 
 #include "harness.h"
 
-#include <QRandomGenerator>
-
 namespace {
 
 QByteArray eventLine(const QByteArray &data)
@@ -53,24 +51,15 @@ private Q_SLOTS:
     void listsTheCatalogue();
     void relaysACall_data();
     void relaysACall();
-    void sendsWhatTheClientSent_data();
-    void sendsWhatTheClientSent();
     void introducesItself_data();
     void introducesItself();
     void failsAndConnectsAgain_data();
     void failsAndConnectsAgain();
-    void survivesACutAnywhere_data();
-    void survivesACutAnywhere();
-    void survivesDamagedLines_data();
-    void survivesDamagedLines();
     void acceptsLargeLines();
     void anApplicationThatDoesNotReadFailsTheWrite();
-    void relaysALargeRequestAndAnswer();
     void eventsAfterTheAnswerComeWithTheNextCall();
     void cancelsTheCallInFlightOnly_data();
     void cancelsTheCallInFlightOnly();
-    void finishesWhatIsQueuedAfterTheEndOfInput();
-    void passesManyEventsOnInOrder();
 };
 
 void tst_server::answersLines_data()
@@ -115,6 +104,7 @@ void tst_server::listsTheCatalogue()
     Server server(home);
     server.send(R"({"id":1,"method":"tools/list","params":{"cursor":"x"}})");
     QCOMPARE(server.line(), R"({"id":1,"jsonrpc":"2.0","result":)" + compact(tools) + "}");
+    QTest::qSleep(700); // until it has been quiet, and the end of input comes alone
     QCOMPARE(server.finish(), 0);
 }
 
@@ -122,40 +112,16 @@ void tst_server::relaysACall_data() { addTranscripts(QFINDTESTDATA("relay.txt"))
 
 void tst_server::relaysACall()
 {
+    QFETCH(QByteArray, sent);
     QFETCH(QByteArray, relayed);
     QFETCH(QByteArray, answer);
     const Installation home;
     const Application app(home);
     Server server(home);
-    const QJsonObject step { { u"send"_s, QString::fromUtf8(relayed) } };
-    server.send(toolCall(7, u"start_vm"_s, { { u"steps"_s, QJsonArray { step } } }));
+    server.send(sent.isEmpty() ? toolCall(7, u"start_vm"_s, withSteps(sendStep(relayed)))
+                               : sent.trimmed());
     QCOMPARE(server.finish(), 0);
     QCOMPARE(server.process.readAllStandardOutput(), answer);
-}
-
-void tst_server::sendsWhatTheClientSent_data()
-{
-    QTest::addColumn<QByteArray>("arguments");
-    QTest::addColumn<QByteArray>("params");
-    QTest::newRow("object") << QByteArray(R"({"b":[1,2.5],"a":"é\n"})")
-                            << QByteArray(R"({"a":"é\n","b":[1,2.5]})");
-    QTest::newRow("array") << QByteArray("[1]") << QByteArray("{}");
-    QTest::newRow("string") << QByteArray("\"x\"") << QByteArray("{}");
-    QTest::newRow("null") << QByteArray("null") << QByteArray("{}");
-}
-
-void tst_server::sendsWhatTheClientSent()
-{
-    QFETCH(QByteArray, arguments);
-    QFETCH(QByteArray, params);
-    const Installation home;
-    const Application app(home);
-    Server server(home);
-    server.send(R"({"id":1,"method":"tools/call","params":{"name":"job_wait","arguments":)"
-                + arguments + "}}");
-    QVERIFY(!server.line().isEmpty());
-    QCOMPARE(home.read(u"received"_s).split('\n').value(1),
-             R"({"id":2,"method":"job_wait","params":)" + params + "}");
 }
 
 void tst_server::introducesItself_data()
@@ -207,23 +173,18 @@ void tst_server::failsAndConnectsAgain_data()
     QTest::addColumn<QByteArray>("steps");
     QTest::addColumn<QString>("text");
     const QString closed = u"Orrery call failed: Orrery closed the connection"_s;
-    QTest::newRow("closed") << QByteArray(R"([{"close":1}])") << closed;
-    QTest::newRow("closed within a line")
-            << QByteArray(R"([{"send":"{\"id\":$id,\"result\":{}}"},{"close":1}])") << closed;
-    QTest::newRow("ended within a line")
-            << QByteArray(R"([{"send":"{\"id\":$id,"},{"exit":1}])") << closed;
-    QTest::newRow("answered and closed")
-            << QByteArray(R"([{"send":"{\"id\":$id,\"result\":\"last words\"}\n"},{"close":1}])")
-            << u"last words"_s;
-    QTest::newRow("answered, more, and ended") << QByteArray(
-            R"([{"send":"{\"id\":$id,\"result\":\"last words\"}\n{\"met"},{"exit":1}])")
-                                               << u"last words"_s;
-    QTest::newRow("an endless line")
-            << QByteArray(R"([{"fill":270000000}])")
-            << u"Orrery call failed: Orrery sent a line of more than 256 MiB"_s;
+    const QString tooLong = u"Orrery call failed: Orrery sent a line of more than 256 MiB"_s;
+    const QByteArray close = R"(,{"close":1})";
+    const QByteArray exit = R"(,{"exit":1})";
+    const QByteArray half = "{\"id\":$id,\"result\":{}";
+    QTest::newRow("closed") << sendStep("", close) << closed;
+    QTest::newRow("closed within a line") << sendStep(half, close) << closed;
+    QTest::newRow("ended within a line") << sendStep(half, exit) << closed;
+    QTest::newRow("answered and closed") << sendStep(Answer, close) << u"1"_s;
+    QTest::newRow("answered, more, and ended") << sendStep(Answer + half, exit) << u"1"_s;
+    QTest::newRow("an endless line") << QByteArray(R"([{"fill":270000000}])") << tooLong;
     QTest::newRow("a line too long, with its end")
-            << QByteArray(R"([{"fill":268435457},{"send":"\n"}])")
-            << u"Orrery call failed: Orrery sent a line of more than 256 MiB"_s;
+            << QByteArray(R"([{"fill":268435457},{"send":"\n"}])") << tooLong;
 }
 
 void tst_server::failsAndConnectsAgain()
@@ -235,103 +196,18 @@ void tst_server::failsAndConnectsAgain()
     const qsizetype idle = app.openFiles();
     Server server(home);
     QCOMPARE(resultText(server.callSteps(steps)), text);
+    if (!Sanitized) // the sanitizers keep freed memory, so that they see it used
+        QTRY_VERIFY(server.residentBytes() < 80 << 20);
     if (steps.contains("exit"))
         QVERIFY(app.process.waitForFinished());
     QTRY_VERIFY(app.openFiles() <= idle); // it has closed its end
     // Launched anew where it ended; the new connection begins with a hello and an empty buffer.
-    const QJsonObject next
-            = server.callSteps(R"([{"send":"{\"id\":$id,\"result\":\"fresh\"}\n"}])");
-    QCOMPARE(resultText(next), u"fresh"_s);
-    QStringList methods;
-    QList<int> ids;
-    for (const QJsonObject &request : home.received()) {
-        methods += request["method"_L1].toString();
-        ids += request["id"_L1].toInt();
-    }
-    QCOMPARE(methods, (QStringList { u"hello"_s, u"get_vm"_s, u"hello"_s, u"get_vm"_s }));
-    QCOMPARE(ids, (QList<int> { 1, 2, 3, 4 }));
-}
-
-// The application's answer cut at every byte, and then nothing more.
-void tst_server::survivesACutAnywhere_data()
-{
-    QTest::addColumn<QByteArray>("end");
-    QTest::addColumn<QString>("text");
-    QTest::newRow("closed") << QByteArray(R"({"close":1})")
-                            << u"Orrery call failed: Orrery closed the connection"_s;
-    QTest::newRow("ended") << QByteArray(R"({"exit":1})")
-                           << u"Orrery call failed: Orrery closed the connection"_s;
-    QTest::newRow("stalled, and cancelled")
-            << QByteArray(R"({"wait":100000})") << u"Orrery call failed: cancelled by the client"_s;
-}
-
-void tst_server::survivesACutAnywhere()
-{
-    QFETCH(QByteArray, end);
-    QFETCH(QString, text);
-    const Installation home;
-    Server server(home);
-    const QString answer = u"{\"id\":$id,\"result\":\"é\"}"_s;
-    for (qsizetype cut = 0; cut <= answer.size(); ++cut) {
-        const QJsonArray steps { QJsonObject { { u"send"_s, u"{\"method\":\"e\"}\n"_s } },
-                                 QJsonObject { { u"send"_s, answer.first(cut) } },
-                                 QJsonDocument::fromJson(end).object() };
-        server.send(toolCall(cut, u"get_vm"_s, { { u"steps"_s, steps } }));
-        QCOMPARE(server.line(), eventLine(R"({"event":"e"})"));
-        if (end.contains("wait"))
-            server.send(cancelled(QByteArray::number(cut)));
-        const QJsonObject failed = parsed(server.line());
-        QCOMPARE(failed["id"_L1].toInteger(), cut);
-        QCOMPARE(resultText(failed), text);
-        home.endApplications();
-        // Nothing of the old connection reaches the new one.
-        const QString next = resultText(server.call(u"get_vm"_s));
-        QVERIFY2(next.contains(u"\"get_vm\""_s), qPrintable(next));
-    }
-}
-
-// Lines that were something once, damaged at random but the same in every run.
-void tst_server::survivesDamagedLines_data()
-{
-    QTest::addColumn<bool>("fromClient");
-    QTest::newRow("from the client") << true;
-    QTest::newRow("from the application") << false;
-}
-
-void tst_server::survivesDamagedLines()
-{
-    QFETCH(bool, fromClient);
-    constexpr int Count = 10'000;
-    const QByteArray good = R"({"id":9,"method":"tools/call","params":{"name":"x","a":[1,"é\n"]}})";
-    QRandomGenerator random(1);
-    QByteArray lines;
-    int answers = 0;
-    for (int i = 0; i < Count; ++i) {
-        QByteArray line = good;
-        for (quint32 n = random.bounded(4); n > 0; --n)
-            line[random.bounded(line.size())] = char(random.bounded(1, 256));
-        line.replace('\n', ' ').replace('\r', ' ').replace('$', ' ');
-        lines += line + '\n';
-        const QJsonDocument document = QJsonDocument::fromJson(line);
-        answers += !document.isObject() || document.object().contains("id"_L1);
-    }
-    const Installation home;
-    const Application app(home);
-    Server server(home);
-    if (fromClient) {
-        server.process.write(lines);
-    } else {
-        home.write(u"raw"_s, lines); // each is an event: there is no "result" or "error" in it
-        server.send(toolCall(9, u"get_vm"_s,
-                             withSteps(R"([{"file":"raw"},)"
-                                       R"({"send":"{\"id\":$id,\"result\":1}\n"}])")));
-    }
-    QCOMPARE(server.finish(), 0);
-    QList<QByteArray> written = server.process.readAllStandardOutput().split('\n');
-    QCOMPARE(written.takeLast(), "");
-    QCOMPARE(written.size(), fromClient ? answers : Count + 1);
-    for (const QByteArray &line : written)
-        QVERIFY2(QJsonDocument::fromJson(line).isObject(), line.constData());
+    QCOMPARE(resultText(server.callSteps(sendStep("{\"id\":$id,\"result\":\"fresh\"}\n"))),
+             u"fresh"_s);
+    QStringList requests;
+    for (const QJsonObject &request : home.received())
+        requests += u"%1 %2"_s.arg(request["id"_L1].toInt()).arg(request["method"_L1].toString());
+    QCOMPARE(requests, (QStringList { u"1 hello"_s, u"2 get_vm"_s, u"3 hello"_s, u"4 get_vm"_s }));
 }
 
 void tst_server::acceptsLargeLines()
@@ -341,35 +217,32 @@ void tst_server::acceptsLargeLines()
     Server server(home);
     server.send(R"({"id":0,"method":"ping","x":")" + QByteArray(64 << 20, 'x') + "\"}");
     QCOMPARE(parsed(server.line())["id"_L1], QJsonValue(0));
-    const QByteArray steps = R"([{"fill":268435456},{"send":"\n{\"id\":$id,\"result\":1}\n"}])";
-    server.send(toolCall(1, u"get_vm"_s, withSteps(steps)));
+    server.send(toolCall(1, u"get_vm"_s,
+                         withSteps(R"([{"fill":268435456},)" + sendStep("\n" + Answer).sliced(1))));
     QCOMPARE(server.line(), eventLine("{}"));
     QCOMPARE(resultText(parsed(server.line())), u"1"_s);
+    for (const int size : { 32, 288, 65'568 }) {
+        const QByteArray image(size, 'x');
+        const QJsonObject answer = server.callSteps(
+                sendStep("{\"id\":$id,\"result\":{\"imageBase64\":\"" + image + "\"}}\n"));
+        QCOMPARE(answer["result"_L1]["content"_L1][0]["data"_L1],
+                 QJsonValue(QString::fromLatin1(image)));
+    }
 }
 
 void tst_server::anApplicationThatDoesNotReadFailsTheWrite()
 {
-    const Installation home;
+    const HastyInstallation home;
     const Application app(home);
     Server server(home);
     // The first call is answered, then nothing is read while the second, large one comes.
-    const QByteArray steps = R"([{"send":"{\"id\":$id,\"result\":1}\n"},{"wait":8000}])";
-    QCOMPARE(resultText(server.callSteps(steps)), u"1"_s);
+    QCOMPARE(resultText(server.callSteps(sendStep(Answer, R"(,{"wait":2500})"))), u"1"_s);
+    QElapsedTimer timer;
+    timer.start();
     QCOMPARE(resultText(server.call(u"get_vm"_s, { { u"large"_s, QString(600'000, u'x') } })),
              u"Orrery call failed: write to Orrery failed"_s);
-    QVERIFY(!server.call(u"get_vm"_s)["result"_L1]["isError"_L1].toBool());
-}
-
-void tst_server::relaysALargeRequestAndAnswer()
-{
-    const Installation home;
-    const Application app(home);
-    Server server(home);
-    const QString large(4'000'000, u'x');
-    // The fake answers with the request: both directions are full at the same time.
-    QCOMPARE(resultObject(
-                     server.call(u"get_vm"_s, { { u"large"_s, large } }))["params"_L1]["large"_L1],
-             QJsonValue(large));
+    QVERIFY(timer.elapsed() >= 5 * HastyInstallation::SecondMs);
+    QVERIFY(!isError(server.call(u"get_vm"_s)));
 }
 
 void tst_server::eventsAfterTheAnswerComeWithTheNextCall()
@@ -394,13 +267,18 @@ void tst_server::cancelsTheCallInFlightOnly_data()
     QTest::addColumn<QJsonValue>("id");
     QTest::addColumn<QByteArray>("requestId");
     QTest::addColumn<bool>("ends");
-    QTest::newRow("named") << QJsonValue(5) << QByteArray("5") << true;
-    QTest::newRow("named, with a fraction") << QJsonValue(5) << QByteArray("5.0") << true;
-    QTest::newRow("another") << QJsonValue(5) << QByteArray("6") << false;
-    QTest::newRow("as a string") << QJsonValue(5) << QByteArray("\"5\"") << false;
-    QTest::newRow("string id") << QJsonValue(u"5"_s) << QByteArray("\"5\"") << false;
-    QTest::newRow("string id, as -1") << QJsonValue(u"5"_s) << QByteArray("-1") << false;
-    QTest::newRow("id -1") << QJsonValue(-1) << QByteArray("-1") << false;
+    const auto row = [](const char *name, const QJsonValue &id, const char *requestId, bool ends) {
+        QTest::newRow(name) << id << QByteArray(requestId) << ends;
+    };
+    row("named", 5, "5", true);
+    row("named, with a fraction", 5, "5.0", true);
+    row("beyond 32 bits", 5e9, "5000000000", true);
+    row("another", 5, "6", false);
+    row("as a string", 5, "\"5\"", false);
+    row("as a string, id 0", 0, "\"0\"", false);
+    row("string id", u"5"_s, "\"5\"", false);
+    row("string id, as -1", u"5"_s, "-1", false);
+    row("id -1", -1, "-1", false);
 }
 
 void tst_server::cancelsTheCallInFlightOnly()
@@ -412,7 +290,7 @@ void tst_server::cancelsTheCallInFlightOnly()
     const Application app(home);
     Server server(home);
     const QJsonArray steps { QJsonObject { { u"send"_s, u"{\"method\":\"begun\"}\n"_s } },
-                             QJsonObject { { u"wait"_s, ends ? 100'000 : 1'000 } },
+                             QJsonObject { { u"wait"_s, ends ? 2'000 : 1'000 } },
                              QJsonObject { { u"send"_s, u"{\"id\":$id,\"result\":1}\n"_s } } };
     server.send(toolCall(id, u"job_wait"_s, { { u"steps"_s, steps } }));
     QCOMPARE(server.line(), eventLine(R"({"event":"begun"})"));
@@ -423,40 +301,8 @@ void tst_server::cancelsTheCallInFlightOnly()
              ends ? u"Orrery call failed: cancelled by the client"_s : u"1"_s);
     // A cancellation never reaches a later call, its own late coming included.
     server.send(cancelled(requestId));
-    home.endApplications();
-    QVERIFY(!server.call(u"get_vm"_s)["result"_L1]["isError"_L1].toBool());
-}
-
-void tst_server::finishesWhatIsQueuedAfterTheEndOfInput()
-{
-    const Installation home;
-    const Application app(home);
-    Server server(home);
-    const QByteArray steps = R"([{"wait":300},{"send":"{\"id\":$id,\"result\":1}\n"}])";
-    for (int id = 1; id <= 3; ++id)
-        server.send(toolCall(id, u"get_vm"_s, withSteps(steps)));
-    QCOMPARE(server.finish(), 0);
-    const QList<QByteArray> lines = server.process.readAllStandardOutput().split('\n');
-    QCOMPARE(lines.size(), 4);
-    for (int i = 0; i < 3; ++i)
-        QCOMPARE(parsed(lines[i])["id"_L1].toInt(), i + 1);
-}
-
-void tst_server::passesManyEventsOnInOrder()
-{
-    const Installation home;
-    const Application app(home);
-    Server server(home);
-    constexpr int Count = 100'000;
-    const QByteArray steps = R"([{"send":"{\"method\":$n}\n","times":100000},)"
-                             R"({"send":"{\"id\":$id,\"result\":1}\n"}])";
-    server.send(toolCall(1, u"get_vm"_s, withSteps(steps)));
-    for (int n = 0; n < Count; ++n) {
-        if (const QByteArray line = server.line();
-            line != eventLine("{\"event\":" + QByteArray::number(n) + "}"))
-            QFAIL(line.constData());
-    }
-    QCOMPARE(resultText(parsed(server.line())), u"1"_s);
+    QVERIFY(!isError(server.call(u"get_vm"_s)));
+    QCOMPARE(home.received().size(), ends ? 4 : 3); // a cancelled call ends its connection
 }
 
 QTEST_GUILESS_MAIN(tst_server)
