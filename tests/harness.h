@@ -73,6 +73,9 @@ inline QByteArray sendStep(const QByteArray &text, const QByteArray &then = {})
 }
 const QByteArray Answer = "{\"id\":$id,\"result\":1}\n";
 
+const QString notUp = u"Orrery call failed: Orrery started but its control pipe did not come up "
+                      "within 30 s."_s;
+
 // An installation of its own: PREFIX/orrery-mcp, PREFIX/orrery, and PREFIX/tmp as TMPDIR. Whatever
 // runs the application's file is ended with it.
 class Installation
