@@ -180,8 +180,8 @@ class HastyInstallation : public Installation
 public:
     HastyInstallation() : Installation(QStringLiteral(HASTY_SERVER_PATH)) { }
 
-    static constexpr int SecondMs = 200;
-    static constexpr int MinuteMs = 300;
+    static constexpr qint64 SecondMs = 200;
+    static constexpr qint64 MinuteMs = 300;
 };
 
 // A child process that is ended with its object.

@@ -202,7 +202,7 @@ private Q_SLOTS:
         QFETCH(int, minutes);
         QFETCH(int, limit);
         const HastyInstallation home;
-        const int wait = minutes * HastyInstallation::MinuteMs;
+        const qint64 wait = minutes * HastyInstallation::MinuteMs;
         home.script(method, compact({ { u"wait"_s, wait } }).prepend('[') + ','
                                     + sendStep(Answer).sliced(1));
         const Application app(home);

@@ -41,6 +41,9 @@ class tst_catalogue : public QObject
 {
     Q_OBJECT
 
+    QJsonArray tools;
+    QStringList table;
+
 private Q_SLOTS:
     void initTestCase()
     {
@@ -141,10 +144,6 @@ private Q_SLOTS:
         QVERIFY(program.contains(QByteArrayLiteral("\x28\xb5\x2f\xfd")));
         QVERIFY(!program.contains("Required before VM tools can be used"));
     }
-
-private:
-    QJsonArray tools;
-    QStringList table;
 };
 
 QTEST_GUILESS_MAIN(tst_catalogue)
