@@ -654,11 +654,8 @@ bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *r
             return true;
         }
 
-        if (sock.state() != QLocalSocket::ConnectedState) {
-            readBuffer.clear(); // half a line may be large
-            *error = u"Orrery closed the connection"_s;
-            return false;
-        }
+        if (sock.state() != QLocalSocket::ConnectedState)
+            return fail(u"Orrery closed the connection"_s);
         if (g_cancelled)
             return fail(u"cancelled by the client"_s);
         const bool quiet = !sock.waitForReadyRead(Limits::WaitSliceMs);

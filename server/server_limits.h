@@ -7,17 +7,21 @@
 
 #include <chrono>
 
-// A build for tests divides the times, so that what takes minutes can be waited for.
-#ifndef ORRERY_HASTE
-#define ORRERY_HASTE 1
+// A build for tests has shorter seconds and minutes, so that what takes minutes can be waited for.
+#ifndef ORRERY_SECOND_MS
+#define ORRERY_SECOND_MS 1'000
+#define ORRERY_MINUTE_MS 60'000
 #endif
 
 namespace Limits {
 
+constexpr int SecondMs = ORRERY_SECOND_MS;
+constexpr int MinuteMs = ORRERY_MINUTE_MS;
+
 // Relayed calls.
-constexpr int CallMs = 300'000 / ORRERY_HASTE;
-constexpr int LongCallMs = 1'860'000 / ORRERY_HASTE;
-constexpr int WriteMs = 5'000 / ORRERY_HASTE;
+constexpr int CallMs = 5 * MinuteMs;
+constexpr int LongCallMs = 31 * MinuteMs;
+constexpr int WriteMs = 5 * SecondMs;
 constexpr int WaitSliceMs = 250; // how late a cancellation or a closed connection is noticed
 
 // Reaching the control pipe.
@@ -27,14 +31,14 @@ constexpr int BacklogPauseMs = 10;
 constexpr int ProbeMs = 1'500;
 
 // Launching and quitting.
-constexpr int RunningConnectMs = 3'000 / ORRERY_HASTE;
-constexpr int RunningHelloMs = 5'000 / ORRERY_HASTE;
-constexpr int StartedConnectMs = 30'000 / ORRERY_HASTE;
-constexpr int StartedHelloMs = 600'000 / ORRERY_HASTE; // the user may have to allow the client
-constexpr int QuitConnectMs = 2'000 / ORRERY_HASTE;
-constexpr int QuitRequestMs = 5'000 / ORRERY_HASTE;
-constexpr int QuitExitMs = 10'000 / ORRERY_HASTE;
-constexpr int KillExitMs = 5'000 / ORRERY_HASTE;
+constexpr int RunningConnectMs = 3 * SecondMs;
+constexpr int RunningHelloMs = 5 * SecondMs;
+constexpr int StartedConnectMs = 30 * SecondMs;
+constexpr int StartedHelloMs = 10 * MinuteMs; // the user may have to allow the client
+constexpr int QuitConnectMs = 2 * SecondMs;
+constexpr int QuitRequestMs = 5 * SecondMs;
+constexpr int QuitExitMs = 10 * SecondMs;
+constexpr int KillExitMs = 5 * SecondMs;
 
 constexpr std::chrono::milliseconds Quiet { 500 };
 

@@ -20,6 +20,12 @@
 
 using namespace Qt::StringLiterals;
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool Sanitized = true;
+#else
+constexpr bool Sanitized = false;
+#endif
+
 constexpr int PatienceMs = 60'000; // for what comes in milliseconds unless something is broken
 
 inline QByteArray compact(const QJsonObject &object)
@@ -55,15 +61,30 @@ inline QJsonObject resultObject(const QJsonObject &response)
     return parsed(resultText(response).toUtf8());
 }
 
+inline bool isError(const QJsonObject &response)
+{
+    return response["result"_L1]["isError"_L1].toBool();
+}
+
+// Steps of the scripted application, see there: it sends a text, and what follows it; the answer 1.
+inline QByteArray sendStep(const QByteArray &text, const QByteArray &then = {})
+{
+    return '[' + compact({ { u"send"_s, QString::fromUtf8(text) } }) + then + ']';
+}
+const QByteArray Answer = "{\"id\":$id,\"result\":1}\n";
+
+const QString notUp = u"Orrery call failed: Orrery started but its control pipe did not come up "
+                      "within 30 s."_s;
+
 // An installation of its own: PREFIX/orrery-mcp, PREFIX/orrery, and PREFIX/tmp as TMPDIR. Whatever
 // runs the application's file is ended with it.
 class Installation
 {
 public:
-    Installation()
+    explicit Installation(const QString &server = QStringLiteral(SERVER_PATH))
     {
         QDir(root.path()).mkdir(u"tmp"_s);
-        QFile::copy(QStringLiteral(SERVER_PATH), path(u"orrery-mcp"_s));
+        QFile::copy(server, path(u"orrery-mcp"_s));
         QFile::copy(QStringLiteral(FAKE_PATH), path(u"orrery"_s));
         environment.insert(u"TMPDIR"_s, path(u"tmp"_s));
         for (const char *variable :
@@ -126,6 +147,15 @@ public:
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
+    // Runs a shell command in the folder; true when it succeeds.
+    bool shell(const QByteArray &command) const
+    {
+        QProcess process;
+        process.setWorkingDirectory(folder());
+        process.start(u"sh"_s, { u"-c"_s, QString::fromUtf8(command) });
+        return process.waitForFinished() && process.exitCode() == 0;
+    }
+
     // The requests that the scripted application got, as its lines.
     QList<QJsonObject> received() const
     {
@@ -142,6 +172,16 @@ public:
 
 private:
     QTemporaryDir root;
+};
+
+// One whose server has the time limits that hasty-server is built with.
+class HastyInstallation : public Installation
+{
+public:
+    HastyInstallation() : Installation(QStringLiteral(HASTY_SERVER_PATH)) { }
+
+    static constexpr qint64 SecondMs = 200;
+    static constexpr qint64 MinuteMs = 300;
 };
 
 // A child process that is ended with its object.
@@ -171,6 +211,14 @@ public:
         QByteArray text = process.readLine();
         text.chop(text.endsWith('\n') ? 1 : 0);
         return text;
+    }
+
+    qint64 residentBytes() const
+    {
+        QFile statm(u"/proc/%1/statm"_s.arg(process.processId()));
+        return statm.open(QIODevice::ReadOnly)
+                       ? statm.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE)
+                       : 0;
     }
 
     QProcess process;
@@ -229,6 +277,8 @@ public:
     {
         return call(tool, withSteps(steps));
     }
+
+    QJsonObject status() { return resultObject(call(u"app_status"_s)); }
 
     // Ends its input and waits; the exit status, or -1 when it did not end by itself.
     int finish(int ms = PatienceMs)

@@ -17,8 +17,6 @@ class tst_control : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void namesThePipeByTheRealUser() { QCOMPARE(pipeName(), u"orrery-control-%1"_s.arg(getuid())); }
-
     void tellsThePeerOfAConnectedSocketOnly()
     {
         const QTemporaryDir dir;
@@ -70,16 +68,6 @@ private Q_SLOTS:
         QVERIFY(!isSiblingProcess(self, own.toUpper()));
         QVERIFY(!isSiblingProcess(self, u"no such file"_s));
         QVERIFY(!isSiblingProcess(0, u"no such file"_s));
-
-        const QTemporaryDir dir;
-        QProcess
-                child; // its file and the sibling are both gone: two unknown paths are not the same
-        QVERIFY(QFile::copy(u"/bin/sleep"_s, dir.filePath(u"gone"_s)));
-        child.start(dir.filePath(u"gone"_s), { u"60"_s });
-        QVERIFY(child.waitForStarted() && QFile::remove(dir.filePath(u"gone"_s)));
-        QVERIFY(!isSiblingProcess(static_cast<unsigned long>(child.processId()), u"gone"_s));
-        child.kill();
-        child.waitForFinished();
     }
 
     void comparesPathsAsTheyStand()
@@ -96,6 +84,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("expected");
         const QString own = QCoreApplication::applicationDirPath();
         const QString image = QCoreApplication::applicationFilePath();
+        QVERIFY(QDir().mkpath(own.chopped(1)));
         QTest::newRow("inside") << own << image << image;
         QTest::newRow("in a folder above") << QFileInfo(own).path() << image << image;
         QTest::newRow("not canonical")
