@@ -9,6 +9,7 @@
 //   {"fill": N}                    N bytes without a line feed
 //   {"file": "name"}               the contents of a file beside this program
 //   {"wait": MS}, {"close": 1}, {"exit": 1}
+//   {"leak": S}                    another program inherits the connection, for S seconds
 //
 // Every line that it gets is appended to the file "received" beside it, a byte to "starts" at each
 // start. It prints "listening" once it serves, gives way to a living holder of the pipe, and ends
@@ -91,6 +92,11 @@ bool serve(int fd, const QByteArray &line)
         if (QFile file(beside(step["file"_L1].toString())); file.open(QIODevice::ReadOnly))
             sendAll(fd, file.readAll());
         QThread::msleep(static_cast<unsigned long>(step["wait"_L1].toInt()));
+        if (const QByteArray seconds = QByteArray::number(step["leak"_L1].toInt());
+            seconds != "0" && fork() == 0) {
+            dup2(fd, STDIN_FILENO);
+            execl("/bin/sleep", "sleep", seconds.constData(), nullptr);
+        }
         if (step["exit"_L1].toInt() != 0)
             _exit(0);
         if (step["close"_L1].toInt() != 0)

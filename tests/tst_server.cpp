@@ -2,6 +2,8 @@
 
 #include "harness.h"
 
+#include <sys/resource.h>
+
 namespace {
 
 QByteArray eventLine(const QByteArray &data)
@@ -13,6 +15,13 @@ QByteArray eventLine(const QByteArray &data)
 QByteArray cancelled(const QByteArray &requestId)
 {
     return R"({"method":"notifications/cancelled","params":{"requestId":)" + requestId + "}}";
+}
+
+// Steps that send a file of the installation between two texts.
+QByteArray sendFile(const QByteArray &before, const QString &file, const QByteArray &after)
+{
+    const QByteArray step = compact({ { u"file"_s, file } });
+    return sendStep(before, ',' + step + ',' + sendStep(after).sliced(1).chopped(1));
 }
 
 // Rows from a file of transcripts: "# name", then lines that the client sends (>), that the
@@ -230,6 +239,154 @@ private Q_SLOTS:
                  u"Orrery call failed: write to Orrery failed"_s);
         QVERIFY(timer.elapsed() >= 5 * HastyInstallation::SecondMs);
         QVERIFY(!isError(server.call(u"get_vm"_s)));
+    }
+
+    // An application that writes before it reads.
+    void takesInWhatIsSaidWhileItWrites()
+    {
+        constexpr int Events = 100'000;
+        const Installation home;
+        const Application app(home);
+        Server server(home);
+        const QByteArray events
+                = ',' + compact({ { u"send"_s, u"{\"method\":$n}\n"_s }, { u"times"_s, Events } });
+        QCOMPARE(resultText(server.callSteps(sendStep(Answer, events))), u"1"_s);
+        server.send(toolCall(1, u"get_vm"_s, { { u"large"_s, QString(600'000, u'x') } }));
+        for (int n = 0; n < Events; ++n)
+            QCOMPARE(server.line(), eventLine("{\"event\":" + QByteArray::number(n) + "}"));
+        QVERIFY(!isError(parsed(server.line())));
+    }
+
+    // What would take too much memory is refused by itself, also where there is little to take.
+    void refusesWhatCostsTooMuch_data()
+    {
+        QTest::addColumn<QByteArray>("piece");
+        QTest::addColumn<int>("times");
+        QTest::addColumn<QString>("text");
+        const QString failed = u"Orrery call failed: "_s;
+        QTest::newRow("many small values")
+                << QByteArray("[[1]],").repeated(10'000) << 400
+                << failed + "Orrery sent a line that takes more than 1.25 GiB of memory to read"_L1;
+        QTest::newRow("levels that are indented")
+                << QByteArray(1000, '[') + '1' + QByteArray(1000, ']') + ',' << 200
+                << failed + "Orrery's answer makes a message of more than 512 MiB"_L1;
+        QTest::newRow("neither, though brackets are in it")
+                << '"' + QByteArray("[[1]],").repeated(10'000) + "\"," << 400 << QString();
+    }
+
+    void refusesWhatCostsTooMuch()
+    {
+        QFETCH(QByteArray, piece);
+        QFETCH(int, times);
+        QFETCH(QString, text);
+        const Installation home;
+        const Application app(home);
+        Server server(home, [] {
+            const rlimit limit { 2UL << 30, 2UL << 30 };
+            if (!Sanitized)
+                setrlimit(RLIMIT_AS, &limit);
+        });
+        home.write(u"pieces"_s, piece.repeated(times));
+        const QJsonObject answer
+                = server.callSteps(sendFile("{\"id\":$id,\"result\":[", u"pieces"_s, "1]}\n"));
+        QCOMPARE(isError(answer), !text.isEmpty());
+        if (!text.isEmpty())
+            QCOMPARE(resultText(answer), text);
+        QVERIFY(!isError(server.call(u"get_vm"_s)));
+    }
+
+    // Whoever handled it, and whether or not the client leaves the server alone then.
+    void givesMemoryBack_data()
+    {
+        QTest::addColumn<QByteArray>("sent");
+        QTest::addColumn<bool>("busy");
+        const QByteArray objects = QByteArray(R"({"a":"b"},)").repeated(400'000);
+        const QByteArray argument = R"({"name":"get_vm","arguments":{"a":[)" + objects + "1]}}";
+        const QByteArray call = R"({"id":1,"method":"tools/call","params":)";
+        const QByteArray steps = toolCall(
+                1, u"get_vm"_s,
+                withSteps("[{\"send\":\"{\\\"id\\\":$id,\\\"result\\\":\\\"\"},{\"fill\":50000000},"
+                          "{\"send\":\"\\\"}\\n{\\\"method\\\":\\\"e\\\"}\\n\"}]"));
+        for (const bool busy : { false, true }) {
+            const auto row = [&](const char *name, const QByteArray &sent) {
+                QTest::addRow("%s%s", name, busy ? ", busy" : "") << sent + '\n' << busy;
+            };
+            row("garbage", '[' + objects);
+            row("a ping", R"({"id":1,"method":"ping","params":)" + argument + '}');
+            row("an answer with an event behind it", steps);
+            row("a request with the start of the next behind it",
+                call + argument + "}\n{\"id\":2,\"method\":");
+        }
+    }
+
+    void givesMemoryBack()
+    {
+        QFETCH(QByteArray, sent);
+        QFETCH(bool, busy);
+        if (Sanitized)
+            QSKIP("the sanitizers keep freed memory, so that they see it used");
+        const Installation home;
+        const Application app(home);
+        Server server(home);
+        QVERIFY(!isError(server.call(u"get_vm"_s)));
+        const qint64 before = server.residentBytes();
+        sent.chop(sent.endsWith(":\n") ? 1 : 0); // that one goes on
+        server.process.write(sent);
+        QVERIFY(!server.line().isEmpty());
+        if (!sent.endsWith('\n'))
+            server.send("\"ping\"}");
+        const QDeadlineTimer deadline(PatienceMs);
+        while (server.residentBytes() > before + 20'000'000 && !deadline.hasExpired()) {
+            QTest::qSleep(100);
+            if (busy) {
+                server.send(R"({"id":3,"method":"initialize"})");
+                QVERIFY(!server.line().isEmpty());
+            }
+        }
+        QVERIFY(!deadline.hasExpired());
+    }
+
+    // In the best of three rounds, for the machine may be busy.
+    void answersPingsWhileItHandlesALargeAnswer()
+    {
+        if (Sanitized)
+            QSKIP("the sanitizers have an allocator of their own");
+        const Installation home;
+        const Application app(home);
+        Server server(home);
+        home.write(u"rows"_s, QByteArray(R"({"a":"b"},)").repeated(2'000'000));
+        qint64 best = PatienceMs;
+        for (int round = 0; round < 3; ++round) {
+            server.send(toolCall(1, u"get_vm"_s,
+                                 withSteps(sendFile("{\"id\":$id,\"result\":{\"x\":[", u"rows"_s,
+                                                    "1]},\"error\":0}\n"))));
+            qint64 worst = 0;
+            for (bool answered = false; !answered;) {
+                QElapsedTimer timer;
+                timer.start();
+                server.send(R"({"id":2,"method":"ping"})");
+                QByteArray line = server.line();
+                worst = std::max(worst, timer.elapsed());
+                if ((answered = line.startsWith(R"({"id":1,)")))
+                    line = server.line();
+                QCOMPARE(line, R"({"id":2,"jsonrpc":"2.0","result":{}})");
+            }
+            best = std::min(best, worst);
+        }
+        QVERIFY2(best <= 100, qPrintable(QString::number(best)));
+    }
+
+    void servesWithoutACatalogue()
+    {
+        const Installation home(QStringLiteral(ODD_SERVER_PATH));
+        Server server(home);
+        server.send(R"({"id":1,"method":"initialize"})");
+        server.send(R"({"id":2,"method":"tools/list"})");
+        server.send(toolCall(3, u"app_status"_s));
+        QCOMPARE(server.line(), R"({"id":1,"jsonrpc":"2.0","result":{"capabilities":{"logging":{},)"
+                                R"("tools":{}},"protocolVersion":"2024-11-05"}})");
+        QCOMPARE(server.line(), R"({"id":2,"jsonrpc":"2.0","result":{}})");
+        QCOMPARE(resultText(parsed(server.line())), u"unknown tool: app_status"_s);
     }
 
     void eventsAfterTheAnswerComeWithTheNextCall()
