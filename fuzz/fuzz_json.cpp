@@ -1,5 +1,5 @@
-// Every JSON text beside what QJsonDocument makes of the same value, and every string in it as a
-// large one.
+// Every JSON text beside what QJsonDocument makes of the same value, strings that may be large
+// included.
 
 #include "json_input.h"
 #include "json_reference.h"
@@ -13,17 +13,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QJsonDocument document = QJsonDocument::fromJson(input.toByteArray());
     if (document.isNull())
         return 0;
-    if (writtenTexts(document) != referenceTexts(document))
+    const JsonTexts reference = referenceTexts(document);
+    if (writtenTexts(document, 0) != reference || writtenTexts(document, Much) != reference)
         std::abort();
     const std::optional<QJsonObject> object = parseObject(input);
     if (object.has_value() != document.isObject())
         std::abort();
     if (object && !input.contains("\xef\xbb\xbf") && *object != document.object())
         std::abort();
-    const QJsonArray values = document.array();
-    for (const QJsonValue &value : values) {
-        if (value.isString() && writtenLargeString(value) != compactJson(value))
-            std::abort();
-    }
     return 0;
 }

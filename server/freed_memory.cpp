@@ -5,6 +5,8 @@
 #include <cstdlib>
 
 #include <malloc.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 
@@ -18,6 +20,17 @@ void keepFreedMemory()
 {
     mallopt(M_MMAP_THRESHOLD, MapFromBytes);
     mallopt(M_TRIM_THRESHOLD, KeptBytes);
+}
+
+void adviseHugePages(void *data, qsizetype bytes)
+{
+    if (bytes < MapFromBytes)
+        return;
+    const auto page = static_cast<quintptr>(sysconf(_SC_PAGESIZE));
+    const quintptr begin = (reinterpret_cast<quintptr>(data) + page - 1) / page * page;
+    const quintptr end
+            = (reinterpret_cast<quintptr>(data) + static_cast<quintptr>(bytes)) / page * page;
+    madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE);
 }
 
 PromptRelease::PromptRelease(bool isWanted) : wanted(isWanted)

@@ -12,6 +12,10 @@
 // Sets malloc up; before there is a second thread.
 void keepFreedMemory();
 
+// Makes large memory cheap to get, where the system can: in pages of 2 MiB instead of 4 KiB
+// (madvise(2)). Only for what malloc maps by itself and unmaps when it is freed.
+void adviseHugePages(void *data, qsizetype bytes);
+
 // What is freed while this exists goes back at once where it can. It is for the reader's memory,
 // whichever thread frees it; only the memory of the main thread can be given back later.
 class PromptRelease

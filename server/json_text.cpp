@@ -1,5 +1,6 @@
 #include "json_text.h"
 
+#include "freed_memory.h"
 #include "server_limits.h"
 #include "vector_blocks.h"
 
@@ -18,11 +19,13 @@
 #include <cmath>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 namespace {
 
 constexpr qsizetype FirstBytes = 256;
 constexpr qsizetype IndentBytes = 4;
+constexpr qsizetype LargeStringBytes = 65'536;
 
 // What a UTF-16 unit becomes at most: \\u001f, in a text within a string.
 constexpr qsizetype MaxEscapedBytes = 7;
@@ -128,9 +131,10 @@ void putText(const char16_t *&text, const char16_t *end, const char16_t *textEnd
 
 } // namespace
 
-JsonText::JsonText(qsizetype expected)
+JsonText::JsonText(qsizetype expected) : share(expected)
 {
-    resizeBuffer(std::clamp(expected, FirstBytes, Limits::MaxMessageBytes));
+    // With room to spare, so that what is large need not be moved at its end.
+    resizeBuffer(std::min(FirstBytes + expected + expected / 8, Limits::MaxMessageBytes));
 }
 
 // To exactly so many bytes: left to itself, QByteArray goes to the next power of two.
@@ -140,6 +144,7 @@ void JsonText::resizeBuffer(qsizetype bytes)
     buffer.resize(bytes);
     place = buffer.data();
     capacity = bytes;
+    adviseHugePages(place, bytes);
 }
 
 void JsonText::makeRoom(qsizetype bytes)
@@ -196,12 +201,16 @@ template <JsonText::Style style> void JsonText::escaped(QStringView text)
     }
 }
 
+template <JsonText::Style style> constexpr QByteArrayView JsonText::quote()
+{
+    return style == Style::Reader ? "\\\"" : "\"";
+}
+
 template <JsonText::Style style> void JsonText::quoted(QStringView text)
 {
-    constexpr QByteArrayView Quote = style == Style::Reader ? "\\\"" : "\"";
-    put(Quote);
+    put(quote<style>());
     escaped<style>(text);
-    put(Quote);
+    put(quote<style>());
 }
 
 // Writes bytes that stand for themselves. False, with some of them written, when not all do.
@@ -266,21 +275,23 @@ private:
     qint64 header = -1; // bytes of it still to come; -1 before the first
 };
 
-void JsonText::largeString(const QCborValue &string)
+// A string, without the detour through UTF-16 where it may be large and is plain. How long one is
+// only that detour would tell, so what was expected is shared out among the elements of a
+// container.
+template <JsonText::Style style> void JsonText::stringValue(const QCborValue &string)
 {
-    separate();
-    const qsizetype start = size;
-    put('"');
-    StringTap tap(*this);
-    QCborStreamWriter writer(&tap);
-    string.toCbor(writer);
-    if (tap.isPlain || tooLong) {
-        put('"');
-        return;
+    if (share >= LargeStringBytes) {
+        const qsizetype start = size;
+        put(quote<style>());
+        StringTap tap(*this);
+        QCborStreamWriter writer(&tap);
+        string.toCbor(writer);
+        if (tap.isPlain || tooLong)
+            return put(quote<style>());
+        // Half a surrogate pair would have become a question mark, so that one is not plain here.
+        size = start;
     }
-    // Half a surrogate pair would have become a question mark, so that one is not plain here.
-    size = start;
-    quoted<Style::Compact>(string.toString());
+    quoted<style>(string.toString());
 }
 
 template <JsonText::Style style> void JsonText::newLine(int level)
@@ -299,6 +310,7 @@ template <JsonText::Style style, typename Container>
 void JsonText::container(const Container &members, int level, QLatin1StringView except)
 {
     constexpr bool IsMap = std::is_same_v<Container, QCborMap>;
+    const qsizetype whole = std::exchange(share, share / std::max<qsizetype>(members.size(), 1));
     put(IsMap ? '{' : '[');
     bool first = true;
     for (auto member = members.constBegin(); member != members.constEnd() && !tooLong; ++member) {
@@ -322,13 +334,14 @@ void JsonText::container(const Container &members, int level, QLatin1StringView 
     }
     newLine<style>(level);
     put(IsMap ? '}' : ']');
+    share = whole;
 }
 
 template <JsonText::Style style> void JsonText::element(const QCborValue &value, int level)
 {
     switch (value.type()) {
     case QCborValue::String:
-        return quoted<style>(value.toString());
+        return stringValue<style>(value);
     case QCborValue::Integer: {
         char *const out = room(20);
         size += std::to_chars(out, out + 20, value.toInteger()).ptr - out;
@@ -367,6 +380,14 @@ void JsonText::value(const QJsonValue &value)
         const QCborArray holder = QCborArray::fromJsonArray({ value });
         return element<Style::Compact>(holder.first(), 0);
     }
+}
+
+void JsonText::largeString(const QCborValue &string)
+{
+    separate();
+    const qsizetype whole = std::exchange(share, std::max(share, LargeStringBytes));
+    stringValue<Style::Compact>(string);
+    share = whole;
 }
 
 void JsonText::readerText(const QJsonValue &value, QLatin1StringView except)

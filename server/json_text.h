@@ -20,7 +20,8 @@ class QJsonValue;
 class JsonText
 {
 public:
-    // Expects about expected bytes, to get the memory for them at once.
+    // Expects about expected bytes, to get the memory for them at once. Where they are many, a
+    // single string may hold most of them, and strings are written with that in mind.
     explicit JsonText(qsizetype expected = 0);
     JsonText(JsonText &&) = default;
     JsonText &operator=(JsonText &&) = delete;
@@ -52,6 +53,9 @@ public:
     // Any value, compact. An undefined one is written as null; leave its member out.
     void value(const QJsonValue &value);
 
+    // A string value that is probably large.
+    void largeString(const QCborValue &string);
+
     // Text that is JSON already.
     void json(QByteArrayView text);
 
@@ -59,9 +63,6 @@ public:
     // member or an element per line. Without the member of the outermost object that is called
     // except.
     void readerText(const QJsonValue &value, QLatin1StringView except = {});
-
-    // A string value without the detour through UTF-16 where it can be had: for large ones.
-    void largeString(const QCborValue &string);
 
     // The line feed that ends a message; another may follow.
     void endLine();
@@ -119,7 +120,9 @@ private:
     }
 
     template <Style style> void escaped(QStringView text);
+    template <Style style> static constexpr QByteArrayView quote();
     template <Style style> void quoted(QStringView text);
+    template <Style style> void stringValue(const QCborValue &string);
     bool plain(QByteArrayView text);
     template <Style style> void element(const QCborValue &value, int level);
     template <Style style, typename Container>
@@ -132,4 +135,5 @@ private:
     qsizetype size = 0; // bytes written
     bool afterValue = false; // so that the next one needs a comma
     bool tooLong = false;
+    qsizetype share; // of what was expected, for each element of the container being written
 };

@@ -1,5 +1,6 @@
 #include "line_buffer.h"
 
+#include "freed_memory.h"
 #include "server_limits.h"
 
 #include <algorithm>
@@ -52,6 +53,7 @@ void LineBuffer::move(qsizetype capacity)
         // Grown by the allocator, which need not copy what is large.
         bytes.reserve(capacity);
         bytes.resize(capacity);
+        adviseHugePages(bytes.data(), capacity);
         return;
     }
     if (capacity == bytes.size()) {

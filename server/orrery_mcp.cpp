@@ -67,6 +67,7 @@ std::atomic<qint64> g_inFlight = NoCall; // id of the relayed call; written by t
 std::atomic<bool> g_cancelled = false; // that call was; set by the reader, cleared by main
 std::mutex g_call; // changes of g_inFlight and g_cancelled, which belong together
 FreedMemory g_freedMemory; // main thread
+qsizetype g_messageBytes = 0; // of what is being handled, a request or its answer; main thread
 QJsonObject g_contract; // the catalogue; written before the reader starts, then never
 QString g_clientInfoName; // main thread
 
@@ -550,6 +551,7 @@ bool takeResponse(LineBuffer &input, int requestId, std::optional<QJsonObject> *
             return refuse(u"Orrery sent a line of more than 256 MiB"_s);
         if (isTooCostly(*line))
             return refuse(u"Orrery sent a line that takes more than 1.25 GiB of memory to read"_s);
+        g_messageBytes = line->size();
         const QJsonObject message = parseObject(*line).value_or(QJsonObject());
         input.releaseTaken();
         if (!message.contains("result"_L1) && !message.contains("error"_L1))
@@ -619,7 +621,7 @@ bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *r
     nextId = nextId == INT_MAX ? 1 : nextId + 1;
     answer.reset();
     {
-        JsonText request;
+        JsonText request(g_messageBytes);
         request.beginObject();
         request.key("id"_L1);
         request.integer(nextId);
@@ -731,7 +733,7 @@ void putTextBlock(JsonText &line, const QJsonValue &value, QLatin1StringView exc
 // A value as a tool result of one text block.
 bool replyTextBlock(const QJsonValue &id, const QJsonValue &value, bool isError)
 {
-    return replyWith(id, 0, [&](JsonText &line) {
+    return replyWith(id, g_messageBytes, [&](JsonText &line) {
         line.beginObject();
         line.key("content"_L1);
         line.beginArray();
@@ -752,7 +754,7 @@ void replyToolText(const QJsonValue &id, const QString &text, bool isError)
 bool replyImage(const QJsonValue &id, const QJsonObject &object, const QCborValue &image)
 {
     const bool isJpeg = object.value("format"_L1).toString() == "jpeg"_L1;
-    return replyWith(id, 0, [&](JsonText &line) {
+    return replyWith(id, g_messageBytes, [&](JsonText &line) {
         line.beginObject();
         line.key("content"_L1);
         line.beginArray();
@@ -1074,6 +1076,7 @@ int main(int argc, char *argv[])
     RequestQueue queue;
     std::thread reader(readStdin, std::ref(queue));
     while (std::optional<Request> request = queue.take()) {
+        g_messageBytes = request->size;
         g_freedMemory.used(request->size);
         handle(request->message);
         {

@@ -4,10 +4,11 @@
 
 #include "json_text.h"
 
-#include <QCborMap>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+
+constexpr qsizetype Much = 4 << 20; // so that strings may be large
 
 struct JsonTexts
 {
@@ -28,20 +29,13 @@ inline JsonTexts referenceTexts(const QJsonDocument &document)
     return { document.toJson(QJsonDocument::Compact), compactJson(indented) };
 }
 
-inline JsonTexts writtenTexts(const QJsonDocument &document)
+// expected: how much the writer is told to expect.
+inline JsonTexts writtenTexts(const QJsonDocument &document, qsizetype expected)
 {
     const QJsonValue value = document.isArray() ? QJsonValue(document.array()) : document.object();
-    JsonText compact;
+    JsonText compact(expected);
     compact.value(value);
-    JsonText reader;
+    JsonText reader(expected);
     reader.readerText(value);
     return { compact.bytes().toByteArray(), reader.bytes().toByteArray() };
-}
-
-// A string written as large ones are.
-inline QByteArray writtenLargeString(const QJsonValue &string)
-{
-    JsonText text;
-    text.largeString(QCborMap::fromJsonObject({ { QString(), string } }).begin().value());
-    return text.bytes().toByteArray();
 }
