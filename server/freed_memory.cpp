@@ -14,6 +14,8 @@ constexpr int MapFromBytes = 32 << 20; // the most that malloc accepts
 constexpr int KeptBytes = 1 << 30;
 constexpr int PromptKeptBytes = 128 << 10; // malloc's own default
 
+std::atomic<int> promptReleases = 0; // that exist: the threshold is one for all threads
+
 } // namespace
 
 void keepFreedMemory()
@@ -35,7 +37,7 @@ void adviseHugePages(void *data, qsizetype bytes)
 
 PromptRelease::PromptRelease(bool isWanted) : wanted(isWanted)
 {
-    if (wanted)
+    if (wanted && promptReleases++ == 0)
         mallopt(M_TRIM_THRESHOLD, PromptKeptBytes);
 }
 
@@ -46,25 +48,26 @@ PromptRelease::~PromptRelease()
     // What is small was only put aside; a large block makes malloc join it and give it back.
     void *volatile const large = std::malloc(PromptKeptBytes);
     std::free(large);
-    mallopt(M_TRIM_THRESHOLD, KeptBytes);
+    if (--promptReleases == 0)
+        mallopt(M_TRIM_THRESHOLD, KeptBytes);
 }
 
 void FreedMemory::used(qsizetype bytes)
 {
     if (bytes < Limits::LargeBytes)
         return;
-    isKept = true;
     lastLarge = std::chrono::steady_clock::now();
+    kept = true;
 }
 
 void FreedMemory::giveBackIfDue()
 {
-    if (isKept && std::chrono::steady_clock::now() - lastLarge >= Limits::Quiet)
+    if (kept && std::chrono::steady_clock::now() - lastLarge.load() >= Limits::Quiet)
         giveBack();
 }
 
 void FreedMemory::giveBack()
 {
-    isKept = false;
+    kept = false;
     malloc_trim(0);
 }

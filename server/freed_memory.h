@@ -7,6 +7,7 @@
 
 #include <QtGlobal>
 
+#include <atomic>
 #include <chrono>
 
 // Sets malloc up; before there is a second thread.
@@ -16,8 +17,8 @@ void keepFreedMemory();
 // (madvise(2)). Only for what malloc maps by itself and unmaps when it is freed.
 void adviseHugePages(void *data, qsizetype bytes);
 
-// What is freed while this exists goes back at once where it can. It is for the reader's memory,
-// whichever thread frees it; only the memory of the main thread can be given back later.
+// What is freed while one of these exists goes back at once where malloc can: for large memory of
+// the reader, whose arena giveBack() cannot trim at its end. Any thread.
 class PromptRelease
 {
 public:
@@ -30,18 +31,22 @@ private:
     const bool wanted;
 };
 
-// When the main thread is to give memory back.
+// Whether there is memory to give back, and when.
 class FreedMemory
 {
 public:
-    // A message of that many bytes was handled.
+    // A message of that many bytes was handled. Any thread.
     void used(qsizetype bytes);
 
-    // Gives back what is free if no large message came for Limits::Quiet, or in any case.
+    // Whether a large one was, since memory was last given back. Any thread.
+    [[nodiscard]] bool isKept() const { return kept; }
+
+    // Gives back what is free if no large message came for Limits::Quiet, or in any case. Main
+    // thread.
     void giveBackIfDue();
     void giveBack();
 
 private:
-    bool isKept = false;
-    std::chrono::steady_clock::time_point lastLarge;
+    std::atomic<bool> kept = false;
+    std::atomic<std::chrono::steady_clock::time_point> lastLarge;
 };

@@ -36,7 +36,17 @@ bool hasByteOrderMark(QByteArrayView line)
 // The same text with an escape sequence instead, which stays.
 QByteArray withoutByteOrderMarks(QByteArrayView line)
 {
-    return line.toByteArray().replace(ByteOrderMark, "\"\\ufeff");
+    QByteArray text;
+    text.reserve(line.size() + line.size() / 2);
+    for (qsizetype at = 0; at < line.size();) {
+        const qsizetype mark = line.indexOf(ByteOrderMark, at);
+        const qsizetype end = mark < 0 ? line.size() : mark;
+        text.append(line.sliced(at, end - at));
+        if (mark >= 0)
+            text.append("\"\\ufeff");
+        at = mark < 0 ? end : mark + ByteOrderMark.size();
+    }
+    return text;
 }
 
 // Behind the string whose first byte is at *at, and whether it has escape sequences.
@@ -101,8 +111,9 @@ bool isTooCostly(QByteArrayView line)
             break;
         case '"': {
             const qsizetype begin = at;
+            const bool beginsWithMark = line.sliced(begin - 1).startsWith(ByteOrderMark);
             const bool hasEscapes = skipString(line, &at);
-            cost += stringCost(at - begin, hasEscapes);
+            cost += stringCost(at - begin, hasEscapes || beginsWithMark);
             break;
         }
         default:

@@ -175,7 +175,17 @@ void JsonText::integer(qint64 value)
 void JsonText::json(QByteArrayView text)
 {
     separate();
-    put(text);
+    if (text.size() <= Limits::MaxMessageBytes)
+        put(text);
+    else
+        tooLong = true;
+}
+
+void JsonText::clear()
+{
+    size = 0;
+    afterValue = false;
+    tooLong = false;
 }
 
 void JsonText::endLine()

@@ -70,6 +70,9 @@ public:
     // Whether the limit (Limits::MaxMessageBytes) was reached. If so, the text is of no use.
     [[nodiscard]] bool isTooLong() const { return tooLong; }
 
+    // Begins anew; what was expected stays.
+    void clear();
+
     [[nodiscard]] QByteArrayView bytes() const { return { place, size }; }
 
 private:

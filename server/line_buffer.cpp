@@ -22,6 +22,8 @@ char *LineBuffer::space(qsizetype wanted)
 std::optional<QByteArrayView> LineBuffer::takeLine()
 {
     const QByteArrayView unread = rest();
+    if (unread.size() == searched)
+        return {};
     const void *const lineFeed = std::memchr(unread.data() + searched, '\n',
                                              static_cast<size_t>(unread.size() - searched));
     if (lineFeed == nullptr) {

@@ -66,7 +66,7 @@ std::mutex g_out; // standard output, for one message
 std::atomic<qint64> g_inFlight = NoCall; // id of the relayed call; written by the main thread
 std::atomic<bool> g_cancelled = false; // that call was; set by the reader, cleared by main
 std::mutex g_call; // changes of g_inFlight and g_cancelled, which belong together
-FreedMemory g_freedMemory; // main thread
+FreedMemory g_freedMemory;
 qsizetype g_messageBytes = 0; // of what is being handled, a request or its answer; main thread
 QJsonObject g_contract; // the catalogue; written before the reader starts, then never
 QString g_clientInfoName; // main thread
@@ -116,7 +116,7 @@ void writeOutput(QByteArrayView bytes)
 // thread.
 void writeMessage(const JsonText &lines)
 {
-    if (lines.isTooLong()) // only an id of half a gigabyte gets here
+    if (lines.bytes().isEmpty())
         return;
     const std::lock_guard lock(g_out);
     writeOutput(lines.bytes());
@@ -173,7 +173,10 @@ void replyError(const QJsonValue &id, int code, const QString &message)
     line.string("2.0"_L1);
     line.endObject();
     line.endLine();
-    writeMessage(line);
+    if (!line.isTooLong())
+        writeMessage(line);
+    else if (!message.isEmpty()) // a method's name may be as long as a line
+        replyError(id, code, {});
 }
 
 // A JSON value as a string for a reader: objects and arrays indented, a string as itself, null as
@@ -218,12 +221,11 @@ public:
         changed.notify_one();
     }
 
-    // The reader has freed what was large, without a request for the main thread.
-    void noteFreed()
+    // Lets take() look after freed memory.
+    void wake()
     {
         {
-            const std::lock_guard lock(mutex);
-            readerFreed = true;
+            const std::lock_guard lock(mutex); // not between a look and the wait
         }
         changed.notify_one();
     }
@@ -235,14 +237,11 @@ public:
         std::unique_lock lock(mutex);
         const auto ready = [this] { return inputEnded || !requests.empty(); };
         while (!changed.wait_for(lock, Limits::Quiet, ready)) {
-            readerFreed = false;
             lock.unlock();
             g_freedMemory.giveBack();
             lock.lock();
-            changed.wait(lock, [&] { return readerFreed || ready(); });
+            changed.wait(lock, [&] { return g_freedMemory.isKept() || ready(); });
         }
-        if (std::exchange(readerFreed, false))
-            g_freedMemory.used(Limits::LargeBytes);
         if (requests.empty())
             return {};
         Request request = std::move(requests.front());
@@ -251,11 +250,10 @@ public:
     }
 
 private:
-    std::mutex mutex; // guards the rest
+    std::mutex mutex; // guards requests and inputEnded
     std::condition_variable changed;
     std::deque<Request> requests;
     bool inputEnded = false;
-    bool readerFreed = false;
 };
 
 // Cancels the call in flight if that is the one named. True when it was.
@@ -297,17 +295,24 @@ void receiveLine(QByteArrayView line, RequestQueue &queue)
     queue.append({ *std::move(message), line.size() });
 }
 
+// Receives a line, and sees to it that what was large is given back, if not by this thread.
+void receiveAnyLine(QByteArrayView line, LineBuffer &input, RequestQueue &queue)
+{
+    const qsizetype size = line.size();
+    const PromptRelease prompt(size >= Limits::LargeBytes);
+    receiveLine(line, queue);
+    input.releaseTaken();
+    if (size >= Limits::LargeBytes) {
+        g_freedMemory.used(size);
+        queue.wake();
+    }
+}
+
 // The whole lines of what has been read.
 void receiveLines(LineBuffer &input, RequestQueue &queue)
 {
-    while (const std::optional<QByteArrayView> line = input.takeLine()) {
-        const bool isLarge = line->size() >= Limits::LargeBytes;
-        const PromptRelease prompt(isLarge);
-        receiveLine(*line, queue);
-        input.releaseTaken();
-        if (isLarge)
-            queue.noteFreed();
-    }
+    while (const std::optional<QByteArrayView> line = input.takeLine())
+        receiveAnyLine(*line, input, queue);
 }
 
 // The stdin reader thread: runs until standard input ends.
@@ -323,7 +328,7 @@ void readStdin(RequestQueue &queue)
         receiveLines(input, queue);
     }
     // A last line may lack its line feed.
-    receiveLine(input.rest(), queue);
+    receiveAnyLine(input.rest(), input, queue);
     queue.endInput();
 }
 
@@ -406,8 +411,11 @@ public:
     void drop();
 
 private:
-    bool send(QByteArrayView request, QString *error);
     bool takeInput(QString *error);
+    bool waitToSend(QDeadlineTimer *deadline, QString *error);
+    bool send(QByteArrayView request, QString *error);
+    bool sendRequest(const QString &method, const QJsonObject &params, QString *error);
+    bool waitForAnswer(int timeoutMs, QString *error);
     bool checkHolder();
     bool greet(int helloTimeoutMs);
 
@@ -460,7 +468,7 @@ bool Pipe::connect(int waitMs, int helloTimeoutMs)
     }
     if (checkHolder() && greet(helloTimeoutMs))
         return true;
-    sock.abort();
+    drop();
     return false;
 }
 
@@ -538,8 +546,11 @@ bool takeResponse(LineBuffer &input, int requestId, std::optional<QJsonObject> *
                   QString *error)
 {
     JsonText events;
-    const auto refuse = [&](const QString &reason) {
+    const auto flush = [&events] {
         writeMessage(events);
+        events.clear();
+    };
+    const auto refuse = [&](const QString &reason) {
         *error = reason;
         return false;
     };
@@ -547,23 +558,30 @@ bool takeResponse(LineBuffer &input, int requestId, std::optional<QJsonObject> *
         const std::optional<QByteArrayView> line = input.takeLine();
         if (!line)
             break;
-        if (line->size() > Limits::MaxPipeLineBytes)
+        if (events.bytes().size() + line->size() > Limits::PipeChunkBytes * 2)
+            flush();
+        if (line->size() > Limits::MaxPipeLineBytes) {
+            flush();
             return refuse(u"Orrery sent a line of more than 256 MiB"_s);
-        if (isTooCostly(*line))
+        }
+        if (isTooCostly(*line)) {
+            flush();
             return refuse(u"Orrery sent a line that takes more than 1.25 GiB of memory to read"_s);
+        }
         g_messageBytes = line->size();
         const QJsonObject message = parseObject(*line).value_or(QJsonObject());
         input.releaseTaken();
-        if (!message.contains("result"_L1) && !message.contains("error"_L1))
+        if (!message.contains("result"_L1) && !message.contains("error"_L1)) {
             putEvent(events, message);
-        else if (message.value("id"_L1).toInteger(-1) == requestId)
+            if (events.isTooLong())
+                return refuse(u"Orrery sent an event that makes a message of more than 512 MiB"_s);
+        } else if (message.value("id"_L1).toInteger(-1) == requestId) {
             *response = message;
+        }
     }
-    writeMessage(events);
-    if (input.rest().size() > Limits::MaxPipeLineBytes) {
-        *error = u"Orrery sent a line of more than 256 MiB"_s;
-        return false;
-    }
+    flush();
+    if (!*response && input.rest().size() > Limits::MaxPipeLineBytes)
+        return refuse(u"Orrery sent a line of more than 256 MiB"_s);
     return true;
 }
 
@@ -579,94 +597,120 @@ bool Pipe::takeInput(QString *error)
     return takeResponse(readBuffer, nextId, &answer, error);
 }
 
+// Waits until more can be written, and takes in what the application says meanwhile, because it may
+// not read before it has said it. False, and why, at the deadline or when a line is refused.
+bool Pipe::waitToSend(QDeadlineTimer *deadline, QString *error)
+{
+    pollfd peer { static_cast<int>(sock.socketDescriptor()), POLLIN | POLLOUT, 0 };
+    poll(&peer, 1, static_cast<int>(deadline->remainingTime()));
+    if ((peer.revents & POLLIN) != 0) {
+        const qint64 left = deadline->remainingTime();
+        sock.waitForReadyRead(0);
+        if (!takeInput(error))
+            return false;
+        deadline->setRemainingTime(left); // the client may have been slow to take events
+    }
+    return !deadline->hasExpired();
+}
+
 // Writes to the socket itself: through QLocalSocket's buffer, a request would be copied, and cost
-// three more system calls. What the application says meanwhile is taken in, because it may not read
-// before it has said it.
+// three more system calls. Fails when nothing can be written for Limits::WriteMs.
 bool Pipe::send(QByteArrayView request, QString *error)
 {
-    const QDeadlineTimer deadline(Limits::WriteMs);
+    *error = u"write to Orrery failed"_s;
+    QDeadlineTimer deadline(Limits::WriteMs);
     while (!request.isEmpty()) {
-        const int descriptor = static_cast<int>(sock.socketDescriptor());
-        const ssize_t sent = ::send(descriptor, request.data(), static_cast<size_t>(request.size()),
-                                    MSG_DONTWAIT | MSG_NOSIGNAL);
-        if (sent >= 0) {
+        const ssize_t sent
+                = ::send(static_cast<int>(sock.socketDescriptor()), request.data(),
+                         static_cast<size_t>(request.size()), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent > 0) {
             request = request.sliced(sent);
-            continue;
-        }
-        if (errno == EINTR)
-            continue;
-        *error = u"write to Orrery failed"_s;
-        if (errno != EAGAIN || deadline.hasExpired())
-            return false;
-        pollfd peer { descriptor, POLLIN | POLLOUT, 0 };
-        poll(&peer, 1, static_cast<int>(deadline.remainingTime()));
-        if ((peer.revents & POLLIN) != 0) {
-            sock.waitForReadyRead(0);
-            if (!takeInput(error))
-                return false;
+            deadline.setRemainingTime(Limits::WriteMs);
+        } else if (errno == EAGAIN) {
+            if (!waitToSend(&deadline, error))
+                break;
+        } else if (errno != EINTR) {
+            break;
         }
     }
-    return true;
+    if (request.isEmpty())
+        return true;
+    // It may have hung up after it had said something.
+    QString ignored;
+    const QDeadlineTimer lastWords(Limits::WaitSliceMs);
+    while (!answer && !lastWords.hasExpired() && sock.waitForReadyRead(0) && takeInput(&ignored)) {
+    }
+    return false;
+}
+
+bool Pipe::sendRequest(const QString &method, const QJsonObject &params, QString *error)
+{
+    JsonText request(g_messageBytes);
+    request.beginObject();
+    request.key("id"_L1);
+    request.integer(nextId);
+    request.key("method"_L1);
+    request.string(method);
+    request.key("params"_L1);
+    request.value(params);
+    request.endObject();
+    request.endLine();
+    g_freedMemory.used(request.bytes().size());
+    if (request.isTooLong()) {
+        *error = u"the request is longer than 512 MiB"_s;
+        return false;
+    }
+    return send(request.bytes(), error);
+}
+
+// Until the response has come. False, and why, when it does not.
+bool Pipe::waitForAnswer(int timeoutMs, QString *error)
+{
+    QElapsedTimer timer;
+    timer.start();
+    for (;;) {
+        if (timer.elapsed() >= timeoutMs) {
+            *error = u"Orrery did not answer in time"_s;
+            return false;
+        }
+        // Before the connection is looked at: a last answer may come together with its end.
+        if (!takeInput(error))
+            return false;
+        if (answer)
+            return true;
+        if (sock.state() != QLocalSocket::ConnectedState) {
+            *error = u"Orrery closed the connection"_s;
+            return false;
+        }
+        if (g_cancelled) {
+            *error = u"cancelled by the client"_s;
+            return false;
+        }
+        const bool quiet = !sock.waitForReadyRead(Limits::WaitSliceMs);
+        g_freedMemory.giveBackIfDue();
+        // Another process may have inherited the holder's end of the connection.
+        if (quiet && holder->waitExit(0) && !sock.waitForReadyRead(0))
+            sock.abort();
+    }
 }
 
 bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *response,
                 QString *error, int timeoutMs)
 {
-    const auto fail = [&](const QString &reason) {
-        drop();
-        *error = reason;
-        return false;
-    };
-
     nextId = nextId == INT_MAX ? 1 : nextId + 1;
     answer.reset();
-    {
-        JsonText request(g_messageBytes);
-        request.beginObject();
-        request.key("id"_L1);
-        request.integer(nextId);
-        request.key("method"_L1);
-        request.string(method);
-        request.key("params"_L1);
-        request.value(params);
-        request.endObject();
-        request.endLine();
-        g_freedMemory.used(request.bytes().size());
-        if (request.isTooLong()) {
-            *error = u"the request is longer than 512 MiB"_s;
-            return false;
-        }
-        QString reason;
-        if (!send(request.bytes(), &reason))
-            return fail(reason);
-    }
-
-    QElapsedTimer timer;
-    timer.start();
-    for (;;) {
-        if (timer.elapsed() >= timeoutMs)
-            return fail(u"Orrery did not answer in time"_s);
-
-        // Before the connection is looked at: a last answer may come together with its end.
-        QString reason;
-        if (!takeInput(&reason))
-            return fail(reason);
-        if (answer) {
-            *response = *std::exchange(answer, {});
-            return true;
-        }
-
-        if (sock.state() != QLocalSocket::ConnectedState)
-            return fail(u"Orrery closed the connection"_s);
-        if (g_cancelled)
-            return fail(u"cancelled by the client"_s);
-        const bool quiet = !sock.waitForReadyRead(Limits::WaitSliceMs);
-        if (quiet)
-            g_freedMemory.giveBackIfDue();
-        // Another process may have inherited the holder's end of the connection.
-        if (quiet && holder->waitExit(0) && !sock.waitForReadyRead(0))
-            sock.abort();
-    }
+    QString reason;
+    const bool sent = sendRequest(method, params, &reason);
+    // An application may answer before it has read everything, and then read no more.
+    const bool answered = sent ? waitForAnswer(timeoutMs, &reason) : answer.has_value();
+    if (answered)
+        *response = *std::exchange(answer, {});
+    else
+        *error = reason;
+    // What is half written or may still come must not meet the next exchange.
+    if (!sent || !answered)
+        drop();
+    return answered;
 }
 
 // Launching the application
@@ -745,9 +789,13 @@ bool replyTextBlock(const QJsonValue &id, const QJsonValue &value, bool isError)
     });
 }
 
+constexpr auto TooLongText
+        = "Orrery call failed: Orrery's answer makes a message of more than 512 MiB"_L1;
+
 void replyToolText(const QJsonValue &id, const QString &text, bool isError)
 {
-    replyTextBlock(id, text, isError);
+    if (!replyTextBlock(id, text, isError))
+        replyTextBlock(id, TooLongText, true);
 }
 
 // An object with a screenshot as an image block before the rest as text.
@@ -783,9 +831,7 @@ void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError)
     const bool written
             = hasImage ? replyImage(id, object, image) : replyTextBlock(id, value, isError);
     if (!written)
-        replyToolText(id,
-                      u"Orrery call failed: Orrery's answer makes a message of more than 512 MiB"_s,
-                      true);
+        replyToolText(id, TooLongText, true);
 }
 
 // The tools that manage the application's process

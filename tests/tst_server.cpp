@@ -257,27 +257,59 @@ private Q_SLOTS:
         QVERIFY(!isError(parsed(server.line())));
     }
 
+    // An application that answers without having read everything, and hangs up.
+    void hearsLastWordsWhileItWrites()
+    {
+        const Installation home;
+        const Application app(home);
+        Server server(home);
+        const QByteArray early = "{\"method\":\"e\"}\n{\"id\":3,\"result\":\"early\"}\n";
+        QCOMPARE(resultText(server.callSteps(
+                         sendStep(Answer, R"(,{"wait":500},)" + sendStep(early).sliced(1).chopped(1)
+                                                  + R"(,{"close":1})"))),
+                 u"1"_s);
+        server.send(toolCall(1, u"get_vm"_s, { { u"large"_s, QString(3'000'000, u'x') } }));
+        QCOMPARE(server.line(), eventLine("{\"event\":\"e\"}"));
+        QCOMPARE(resultText(parsed(server.line())), u"early"_s);
+        QVERIFY(!isError(server.call(u"get_vm"_s)));
+    }
+
     // What would take too much memory is refused by itself, also where there is little to take.
     void refusesWhatCostsTooMuch_data()
     {
+        QTest::addColumn<QByteArray>("before");
         QTest::addColumn<QByteArray>("piece");
         QTest::addColumn<int>("times");
+        QTest::addColumn<QByteArray>("after");
         QTest::addColumn<QString>("text");
-        const QString failed = u"Orrery call failed: "_s;
-        QTest::newRow("many small values")
-                << QByteArray("[[1]],").repeated(10'000) << 400
-                << failed + "Orrery sent a line that takes more than 1.25 GiB of memory to read"_L1;
-        QTest::newRow("levels that are indented")
-                << QByteArray(1000, '[') + '1' + QByteArray(1000, ']') + ',' << 200
-                << failed + "Orrery's answer makes a message of more than 512 MiB"_L1;
-        QTest::newRow("neither, though brackets are in it")
-                << '"' + QByteArray("[[1]],").repeated(10'000) + "\"," << 400 << QString();
+        const QString costly
+                = u"Orrery call failed: Orrery sent a line that takes more than 1.25 GiB of memory to read"_s;
+        const QString tooLong
+                = u"Orrery call failed: Orrery's answer makes a message of more than 512 MiB"_s;
+        const auto row = [](const char *name, const QByteArray &before, const QByteArray &piece,
+                            int times, const QByteArray &after, const QString &text) {
+            QTest::newRow(name) << before << piece << times << after << text;
+        };
+        const QByteArray result = "{\"id\":$id,\"result\":[";
+        const QByteArray small = QByteArray("[[1]],").repeated(10'000);
+        row("many small values", result, small, 400, "1]}\n", costly);
+        row("levels that are indented", result,
+            QByteArray(1000, '[') + '1' + QByteArray(1000, ']') + ',', 200, "1]}\n", tooLong);
+        row("neither, though brackets are in it", result + '"', small, 400, "\"]}\n", {});
+        // Each becomes \u0001.
+        row("an error that grows", "{\"id\":$id,\"error\":{\"message\":\"", "\1", 95'000'000,
+            "\"}}\n", tooLong);
+        row("an event that grows", "{\"method\":\"before\"}\n{\"method\":\"", "\1", 95'000'000,
+            "\"}\n" + Answer,
+            u"Orrery call failed: Orrery sent an event that makes a message of more than 512 MiB"_s);
     }
 
     void refusesWhatCostsTooMuch()
     {
+        QFETCH(QByteArray, before);
         QFETCH(QByteArray, piece);
         QFETCH(int, times);
+        QFETCH(QByteArray, after);
         QFETCH(QString, text);
         const Installation home;
         const Application app(home);
@@ -287,8 +319,10 @@ private Q_SLOTS:
                 setrlimit(RLIMIT_AS, &limit);
         });
         home.write(u"pieces"_s, piece.repeated(times));
-        const QJsonObject answer
-                = server.callSteps(sendFile("{\"id\":$id,\"result\":[", u"pieces"_s, "1]}\n"));
+        server.send(toolCall(1, u"get_vm"_s, withSteps(sendFile(before, u"pieces"_s, after))));
+        if (before.contains("before"))
+            QCOMPARE(server.line(), eventLine("{\"event\":\"before\"}"));
+        const QJsonObject answer = parsed(server.line());
         QCOMPARE(isError(answer), !text.isEmpty());
         if (!text.isEmpty())
             QCOMPARE(resultText(answer), text);
@@ -307,6 +341,10 @@ private Q_SLOTS:
                 1, u"get_vm"_s,
                 withSteps("[{\"send\":\"{\\\"id\\\":$id,\\\"result\\\":\\\"\"},{\"fill\":50000000},"
                           "{\"send\":\"\\\"}\\n{\\\"method\\\":\\\"e\\\"}\\n\"}]"));
+        QTest::newRow("garbage while a call waits")
+                << toolCall(1, u"get_vm"_s, withSteps(R"([{"wait":90000}])")) + "\n[" + objects
+                           + '\n'
+                << false;
         for (const bool busy : { false, true }) {
             const auto row = [&](const char *name, const QByteArray &sent) {
                 QTest::addRow("%s%s", name, busy ? ", busy" : "") << sent + '\n' << busy;
