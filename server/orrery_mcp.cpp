@@ -7,7 +7,8 @@
 //
 // Two threads: the stdin reader, so that pings and cancellations are served while a call blocks,
 // and the main thread, which does everything else. They share the request queue, standard output
-// (g_out) and two atomics (g_inFlight, g_cancelled), and nothing else.
+// (g_out), the cancellation pair (g_inFlight, g_cancelled; g_call) and the note that large memory
+// was freed (g_freedMemory), and nothing else.
 
 #include "freed_memory.h"
 #include "host_process.h"
@@ -65,7 +66,7 @@ constexpr auto BundleId = "app.orrery.Orrery"_L1;
 std::mutex g_out; // standard output, for one message
 std::atomic<qint64> g_inFlight = NoCall; // id of the relayed call; written by the main thread
 std::atomic<bool> g_cancelled = false; // that call was; set by the reader, cleared by main
-std::mutex g_call; // changes of g_inFlight and g_cancelled, which belong together
+std::mutex g_call; // held to change the two, which belong together
 FreedMemory g_freedMemory;
 qsizetype g_messageBytes = 0; // of what is being handled, a request or its answer; main thread
 QJsonObject g_contract; // the catalogue; written before the reader starts, then never
@@ -332,54 +333,82 @@ void readStdin(RequestQueue &queue)
     queue.endInput();
 }
 
-// The control pipe
+// On the way of a tool call: each is defined in a section of its own below.
+void toolsCall(const QJsonValue &id, const QJsonObject &params);
+bool launchApp(QString *error);
+QString applicationErrorText(const QJsonValue &error);
+void replyToolText(const QJsonValue &id, const QString &text, bool isError);
+void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError);
+void appStatus(const QJsonValue &id);
+void launchAppTool(const QJsonValue &id);
+void quitApp(const QJsonValue &id, const QJsonObject &arguments);
 
-bool debugging() { return qEnvironmentVariableIsSet("ORRERY_MCP_DEBUG"); }
+// The dispatcher
 
-// "Orrery error [code]: message" of an application's error answer. Members of another type than
-// string read as empty.
-QString applicationErrorText(const QJsonValue &error)
+void initialize(const QJsonValue &id, const QJsonObject &params)
 {
-    return u"Orrery error [%1]: %2"_s.arg(error["code"_L1].toString(),
-                                          error["message"_L1].toString());
+    static const QStringList supported { u"2024-11-05"_s, u"2025-03-26"_s, u"2025-06-18"_s };
+    const QString requested = params["protocolVersion"_L1].toString();
+    g_clientInfoName = params["clientInfo"_L1].toObject()["name"_L1].toString();
+
+    const QString fallback
+            = g_contract.value("protocolVersion"_L1).toString(FallbackProtocolVersion);
+    QJsonObject result {
+        { u"protocolVersion"_s, supported.contains(requested) ? requested : fallback },
+        { u"capabilities"_s,
+          QJsonObject { { u"tools"_s, QJsonObject() }, { u"logging"_s, QJsonObject() } } },
+    };
+    if (g_contract.contains("serverInfo"_L1))
+        result.insert("serverInfo"_L1, g_contract.value("serverInfo"_L1));
+    if (const QJsonValue instructions = g_contract.value("instructions"_L1);
+        instructions.isString())
+        result.insert("instructions"_L1, instructions);
+    reply(id, result);
 }
 
-// How this client introduces itself.
-QString clientName()
+// The result of tools/list, made once: the catalogue never changes.
+const JsonText &toolList()
 {
-    for (const char *variable : { "ORRERY_MCP_CLIENT", "MCP_CLIENT_NAME" }) {
-        if (qEnvironmentVariableIsSet(variable))
-            return qEnvironmentVariable(variable);
-    }
-    return g_clientInfoName.isEmpty() ? u"MCP client"_s : g_clientInfoName;
+    static const JsonText list = [] {
+        JsonText text;
+        text.beginObject();
+        if (g_contract.contains("tools"_L1)) {
+            text.key("tools"_L1);
+            text.value(g_contract.value("tools"_L1));
+        }
+        text.endObject();
+        return text;
+    }();
+    return list;
 }
 
-// Connects the socket to the control pipe, whoever holds it. A local connect succeeds or fails at
-// once; only a listener with a full backlog leaves it connecting. waitForConnected() would poll
-// that one without a pause, so it is tried again until limitMs have passed.
-bool reachPipe(QLocalSocket &socket, int limitMs)
+void listTools(const QJsonValue &id)
 {
-    const QDeadlineTimer deadline(limitMs);
-    for (;;) {
-        socket.connectToServer(OrreryControl::pipeName(), QIODevice::ReadWrite);
-        if (socket.state() == QLocalSocket::ConnectedState)
-            return true;
-        const bool backlogFull = socket.state() == QLocalSocket::ConnectingState;
-        socket.abort();
-        if (!backlogFull || deadline.hasExpired())
-            return false;
-        QThread::msleep(Limits::BacklogPauseMs);
-    }
+    const QByteArrayView list = toolList().bytes();
+    replyWith(id, list.size(), [&](JsonText &line) { line.json(list); });
 }
 
-// Whether something listens on the control pipe, for reports only. Says nothing and trusts nobody.
-bool pipeReachable()
+void handle(const QJsonObject &request)
 {
-    QLocalSocket probe;
-    const bool reached = reachPipe(probe, Limits::ProbeMs);
-    probe.abort();
-    return reached;
+    // A message without an id is a notification: nobody could learn what became of it, so nothing
+    // is carried out and nothing is answered.
+    const auto idMember = request.constFind("id"_L1);
+    if (idMember == request.constEnd())
+        return;
+    const QJsonValue id = *idMember;
+    const QString method = request["method"_L1].toString();
+    const QJsonObject params = request["params"_L1].toObject();
+    if (method == "initialize"_L1)
+        initialize(id, params);
+    else if (method == "tools/list"_L1)
+        listTools(id);
+    else if (method == "tools/call"_L1)
+        toolsCall(id, params);
+    else
+        replyError(id, MethodNotFound, u"Method not found: "_s + method);
 }
+
+// The tool router
 
 // The one connection to the application: made on demand, kept until a failure drops it. Main thread
 // only.
@@ -429,6 +458,128 @@ private:
 };
 
 Pipe g_pipe;
+
+bool isCatalogued(const QString &tool)
+{
+    static const QSet<QString> names = [] {
+        QSet<QString> all;
+        const QJsonArray tools = g_contract.value("tools"_L1).toArray();
+        for (const QJsonValue &entry : tools)
+            all.insert(entry["name"_L1].toString());
+        return all;
+    }();
+    return names.contains(tool);
+}
+
+int callLimitMs(const QString &tool)
+{
+    return tool == "create_vm"_L1 || tool == "job_wait"_L1 ? Limits::LongCallMs : Limits::CallMs;
+}
+
+// The application's answer to a tool as the answer to the client.
+void replyResponse(const QJsonValue &id, const QJsonObject &response)
+{
+    if (response.contains("error"_L1))
+        replyToolText(id, applicationErrorText(response.value("error"_L1)), true);
+    else
+        replyToolJSON(id, response.value("result"_L1), false);
+}
+
+// Registers a call as the one that can be cancelled, or that there is none. Either way nothing is
+// cancelled yet: a cancellation that the reader is recording comes before both stores or after
+// both, and then finds another id.
+void setInFlight(qint64 id)
+{
+    const std::lock_guard lock(g_call);
+    g_inFlight.exchange(id);
+    g_cancelled.exchange(false);
+}
+
+// Relays a tool to the application and answers the client with the outcome.
+void relayTool(const QJsonValue &id, const QString &tool, const QJsonObject &arguments)
+{
+    QString error;
+    if (!g_pipe.isConnected() && !launchApp(&error)) {
+        const bool refused = error.startsWith("Orrery error ["_L1);
+        replyToolText(id, refused ? error : u"Orrery call failed: "_s + error, true);
+        return;
+    }
+
+    setInFlight(id.toInteger(NoCall));
+    QJsonObject response;
+    const bool answered = g_pipe.call(tool, arguments, &response, &error, callLimitMs(tool));
+    setInFlight(NoCall);
+
+    if (answered)
+        replyResponse(id, response);
+    else
+        replyToolText(id, u"Orrery call failed: "_s + error, true);
+}
+
+void toolsCall(const QJsonValue &id, const QJsonObject &params)
+{
+    const QString tool = params["name"_L1].toString();
+    const QJsonObject arguments = params["arguments"_L1].toObject();
+    if (!isCatalogued(tool))
+        replyToolText(id, u"unknown tool: "_s + tool, true);
+    else if (tool == "app_status"_L1)
+        appStatus(id);
+    else if (tool == "launch_app"_L1)
+        launchAppTool(id);
+    else if (tool == "quit_app"_L1)
+        quitApp(id, arguments);
+    else
+        relayTool(id, tool, arguments);
+}
+
+// The control pipe
+
+bool debugging() { return qEnvironmentVariableIsSet("ORRERY_MCP_DEBUG"); }
+
+// "Orrery error [code]: message" of an application's error answer. Members of another type than
+// string read as empty.
+QString applicationErrorText(const QJsonValue &error)
+{
+    return u"Orrery error [%1]: %2"_s.arg(error["code"_L1].toString(),
+                                          error["message"_L1].toString());
+}
+
+// How this client introduces itself.
+QString clientName()
+{
+    for (const char *variable : { "ORRERY_MCP_CLIENT", "MCP_CLIENT_NAME" }) {
+        if (qEnvironmentVariableIsSet(variable))
+            return qEnvironmentVariable(variable);
+    }
+    return g_clientInfoName.isEmpty() ? u"MCP client"_s : g_clientInfoName;
+}
+
+// Connects the socket to the control pipe, whoever holds it. A local connect succeeds or fails at
+// once; only a listener with a full backlog leaves it connecting. waitForConnected() would poll
+// that one without a pause, so it is tried again until limitMs have passed.
+bool reachPipe(QLocalSocket &socket, int limitMs)
+{
+    const QDeadlineTimer deadline(limitMs);
+    for (;;) {
+        socket.connectToServer(OrreryControl::pipeName(), QIODevice::ReadWrite);
+        if (socket.state() == QLocalSocket::ConnectedState)
+            return true;
+        const bool backlogFull = socket.state() == QLocalSocket::ConnectingState;
+        socket.abort();
+        if (!backlogFull || deadline.hasExpired())
+            return false;
+        QThread::msleep(Limits::BacklogPauseMs);
+    }
+}
+
+// Whether something listens on the control pipe, for reports only. Says nothing and trusts nobody.
+bool pipeReachable()
+{
+    QLocalSocket probe;
+    const bool reached = reachPipe(probe, Limits::ProbeMs);
+    probe.abort();
+    return reached;
+}
 
 void Pipe::drop()
 {
@@ -932,146 +1083,6 @@ void quitApp(const QJsonValue &id, const QJsonObject &arguments)
     if (!exited)
         outcome["reason"_L1] = u"quit requested but app still running (try mode:force)"_s;
     replyToolJSON(id, outcome, !exited);
-}
-
-// The tool router
-
-bool isCatalogued(const QString &tool)
-{
-    static const QSet<QString> names = [] {
-        QSet<QString> all;
-        const QJsonArray tools = g_contract.value("tools"_L1).toArray();
-        for (const QJsonValue &entry : tools)
-            all.insert(entry["name"_L1].toString());
-        return all;
-    }();
-    return names.contains(tool);
-}
-
-int callLimitMs(const QString &tool)
-{
-    return tool == "create_vm"_L1 || tool == "job_wait"_L1 ? Limits::LongCallMs : Limits::CallMs;
-}
-
-// The application's answer to a tool as the answer to the client.
-void replyResponse(const QJsonValue &id, const QJsonObject &response)
-{
-    if (response.contains("error"_L1))
-        replyToolText(id, applicationErrorText(response.value("error"_L1)), true);
-    else
-        replyToolJSON(id, response.value("result"_L1), false);
-}
-
-// Registers a call as the one that can be cancelled, or that there is none. Either way nothing is
-// cancelled yet: a cancellation that the reader is recording comes before both stores or after
-// both, and then finds another id.
-void setInFlight(qint64 id)
-{
-    const std::lock_guard lock(g_call);
-    g_inFlight.exchange(id);
-    g_cancelled.exchange(false);
-}
-
-// Relays a tool to the application and answers the client with the outcome.
-void relayTool(const QJsonValue &id, const QString &tool, const QJsonObject &arguments)
-{
-    QString error;
-    if (!g_pipe.isConnected() && !launchApp(&error)) {
-        const bool refused = error.startsWith("Orrery error ["_L1);
-        replyToolText(id, refused ? error : u"Orrery call failed: "_s + error, true);
-        return;
-    }
-
-    setInFlight(id.toInteger(NoCall));
-    QJsonObject response;
-    const bool answered = g_pipe.call(tool, arguments, &response, &error, callLimitMs(tool));
-    setInFlight(NoCall);
-
-    if (answered)
-        replyResponse(id, response);
-    else
-        replyToolText(id, u"Orrery call failed: "_s + error, true);
-}
-
-void toolsCall(const QJsonValue &id, const QJsonObject &params)
-{
-    const QString tool = params["name"_L1].toString();
-    const QJsonObject arguments = params["arguments"_L1].toObject();
-    if (!isCatalogued(tool))
-        replyToolText(id, u"unknown tool: "_s + tool, true);
-    else if (tool == "app_status"_L1)
-        appStatus(id);
-    else if (tool == "launch_app"_L1)
-        launchAppTool(id);
-    else if (tool == "quit_app"_L1)
-        quitApp(id, arguments);
-    else
-        relayTool(id, tool, arguments);
-}
-
-// The dispatcher
-
-void initialize(const QJsonValue &id, const QJsonObject &params)
-{
-    static const QStringList supported { u"2024-11-05"_s, u"2025-03-26"_s, u"2025-06-18"_s };
-    const QString requested = params["protocolVersion"_L1].toString();
-    g_clientInfoName = params["clientInfo"_L1].toObject()["name"_L1].toString();
-
-    const QString fallback
-            = g_contract.value("protocolVersion"_L1).toString(FallbackProtocolVersion);
-    QJsonObject result {
-        { u"protocolVersion"_s, supported.contains(requested) ? requested : fallback },
-        { u"capabilities"_s,
-          QJsonObject { { u"tools"_s, QJsonObject() }, { u"logging"_s, QJsonObject() } } },
-    };
-    if (g_contract.contains("serverInfo"_L1))
-        result.insert("serverInfo"_L1, g_contract.value("serverInfo"_L1));
-    if (const QJsonValue instructions = g_contract.value("instructions"_L1);
-        instructions.isString())
-        result.insert("instructions"_L1, instructions);
-    reply(id, result);
-}
-
-// The result of tools/list, made once: the catalogue never changes.
-const JsonText &toolList()
-{
-    static const JsonText list = [] {
-        JsonText text;
-        text.beginObject();
-        if (g_contract.contains("tools"_L1)) {
-            text.key("tools"_L1);
-            text.value(g_contract.value("tools"_L1));
-        }
-        text.endObject();
-        return text;
-    }();
-    return list;
-}
-
-void listTools(const QJsonValue &id)
-{
-    const QByteArrayView list = toolList().bytes();
-    replyWith(id, list.size(), [&](JsonText &line) { line.json(list); });
-}
-
-void handle(const QJsonObject &request)
-{
-    // A message without an id is a notification: nobody could learn what became of it, so nothing
-    // is carried out and nothing is answered.
-    const auto idMember = request.constFind("id"_L1);
-    if (idMember == request.constEnd())
-        return;
-    const QJsonValue id = *idMember;
-    const QString method = request["method"_L1].toString();
-    const QJsonObject params = request["params"_L1].toObject();
-    if (method == "initialize"_L1)
-        initialize(id, params);
-    else if (method == "tools/list"_L1)
-        listTools(id);
-    else if (method == "tools/call"_L1)
-        toolsCall(id, params);
-    else
-        replyError(id, MethodNotFound, u"Method not found: "_s + method);
 }
 
 // Start-up
