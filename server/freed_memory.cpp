@@ -29,10 +29,9 @@ void adviseHugePages(void *data, qsizetype bytes)
     if (bytes < MapFromBytes)
         return;
     const auto page = static_cast<quintptr>(sysconf(_SC_PAGESIZE));
-    const quintptr begin = (reinterpret_cast<quintptr>(data) + page - 1) / page * page;
-    const quintptr end
-            = (reinterpret_cast<quintptr>(data) + static_cast<quintptr>(bytes)) / page * page;
-    madvise(reinterpret_cast<void *>(begin), end - begin, MADV_HUGEPAGE);
+    const quintptr before = (page - reinterpret_cast<quintptr>(data) % page) % page;
+    const quintptr whole = (static_cast<quintptr>(bytes) - before) / page * page;
+    madvise(static_cast<char *>(data) + before, whole, MADV_HUGEPAGE);
 }
 
 PromptRelease::PromptRelease(bool isWanted) : wanted(isWanted)
