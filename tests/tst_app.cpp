@@ -26,6 +26,9 @@ private Q_SLOTS:
                  R"({"alreadyRunning":true,"launched":false,"reason":"already running",)"
                  R"("running":true,"socketReady":true})");
         QCOMPARE(home.received().size(), 2); // hello and list_vms: launch_app said nothing
+        // What runs another file now is no longer ours, nor is the connection to it.
+        QVERIFY(home.shell("mv orrery away && cp away orrery"));
+        QVERIFY(!resultObject(server.call(u"launch_app"_s))["socketReady"_L1].toBool());
     }
 
     void passesARefusedHelloOn_data()
