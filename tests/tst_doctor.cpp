@@ -47,7 +47,7 @@ constexpr Situation situations[] {
     { "server dies", "cp fails orrery-mcp", "", "", "", "initialize", "exit status 3: no" },
     { "TMPDIR nowhere", "", "TMPDIR=/no\033where", "", "", "tmpdir", "no folder" },
     { "relative TMPDIR", "", "TMPDIR=.", "", "", "", "relative to wherever" },
-    { "long TMPDIR", "mkdir -p $PWD$PWD$PWD$PWD$PWD", "TMPDIR=@@@@@", "", "", "tmpdir",
+    { "long TMPDIR", "mkdir -p $PWD$PWD$PWD$PWD/tmp", "TMPDIR=@@@@/tmp", "", "", "tmpdir",
       "too long" },
     { "a display", "ln -s tmp/orrery-control-`id -u` wayland",
       "WAYLAND_DISPLAY=@/wayland DISPLAY=:77", Here, "", "", "ok      display" },
@@ -162,10 +162,11 @@ private Q_SLOTS:
         install(home);
         home.environment.insert(u"APPDIR"_s, u"/usr"_s);
         const Application app(home);
-        const QDateTime aMinuteAgo = QDateTime::currentDateTime().addSecs(-60);
         int exitStatus = -1;
         const QString text = examine(home, { u"--bare"_s }, &exitStatus);
-        QVERIFY(text.section(u" since "_s, 1) > aMinuteAgo.toString(u"yyyy-MM-dd HH:mm:ss"_s));
+        const QString since = text.section(u" since "_s, 1).left(19);
+        const QDateTime start = QDateTime::fromString(since, Qt::ISODate);
+        QVERIFY2(qAbs(start.secsTo(QDateTime::currentDateTime())) < 60, qPrintable(since));
         for (const char *said : { "TMPDIR is not set", "Neither", "no AppImage", "cannot meet" })
             QVERIFY2(text.contains(QLatin1StringView(said)), qPrintable(text));
         QCOMPARE(exitStatus, 1);
