@@ -174,7 +174,7 @@ private Q_SLOTS:
                 << QByteArray(R"([{"fill":250000000},{"close":1}])") << closed;
         QTest::newRow("ended within a line") << sendStep(half, exit) << closed;
         QTest::newRow("ended, and another has the connection")
-                << sendStep(half, R"(,{"leak":20},{"exit":1})") << closed;
+                << sendStep(half, R"(,{"leak":70},{"exit":1})") << closed;
         QTest::newRow("answered and closed") << sendStep(Answer, close) << u"1"_s;
         QTest::newRow("answered, more, and ended") << sendStep(Answer + half, exit) << u"1"_s;
         QTest::newRow("an endless line") << QByteArray(R"([{"fill":270000000}])") << tooLong;
