@@ -234,14 +234,14 @@ private Q_SLOTS:
         const Application app(home);
         Server server(home);
         // The first call is answered, then nothing is read while the second, large one comes.
-        QCOMPARE(resultText(server.callSteps(sendStep(Answer, R"(,{"wait":5000})"))), u"1"_s);
+        QCOMPARE(resultText(server.callSteps(sendStep(Answer, R"(,{"wait":4000})"))), u"1"_s);
         QElapsedTimer timer;
         timer.start();
         QCOMPARE(resultText(server.call(u"get_vm"_s, { { u"large"_s, QString(600'000, u'x') } })),
                  u"Orrery call failed: write to Orrery failed"_s);
         QVERIFY(timer.elapsed() >= 5 * HastyInstallation::SecondMs);
-        QVERIFY(timer.elapsed() < 4'500); // and not only when something is read again
-        QVERIFY(!isError(server.call(u"get_vm"_s)));
+        QVERIFY(timer.elapsed() < 3'500); // and not only when something is read again
+        QTRY_VERIFY(!isError(server.call(u"get_vm"_s))); // once it reads again
     }
 
     // An application that writes before it reads.
