@@ -7,6 +7,7 @@ import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 import tomllib
 
 DESKTOP = ["DISPLAY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_ADDRESS", "XAUTHORITY"]
@@ -33,6 +34,14 @@ for answer in re.findall(r'u"([A-Zcwuq][^"]{15,}[^" ])"_s', re.sub(r'"\s+u?"', "
 
 # The pages on the tools have them all.
 subprocess.run([sys.executable, root / "script/tools-page", "--check"], check=True)
+with tempfile.TemporaryDirectory() as copy:
+    for name in ("script/tools-page", "server/contract.json", "docs/tools.md"):
+        pathlib.Path(copy, name).parent.mkdir()
+        pathlib.Path(copy, name).write_bytes((root / name).read_bytes())
+    pathlib.Path(copy, "docs/tools.md").write_text("older")
+    checked = subprocess.run([sys.executable, pathlib.Path(copy, "script/tools-page"), "--check"],
+                             stderr=subprocess.DEVNULL)
+    assert checked.returncode, "an older page passes"
 tools = json.loads((root / "server/contract.json").read_text(encoding="utf-8"))["tools"]
 for tool in tools:
     assert f"`{tool['name']}`" in pages["README.md"], f"README.md lacks {tool['name']}"

@@ -27,6 +27,7 @@
 #include <list>
 
 #include <poll.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -67,6 +68,18 @@ QJsonArray stepsFor(const QJsonObject &request)
     return request["params"_L1]["steps"_L1].toArray();
 }
 
+// Returns once the other program runs.
+void leak(int fd, QByteArray seconds)
+{
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fd, STDIN_FILENO);
+    char name[] = "sleep";
+    char *const arguments[] { name, seconds.data(), nullptr };
+    posix_spawn(nullptr, "/bin/sleep", &actions, nullptr, arguments, environ);
+    posix_spawn_file_actions_destroy(&actions);
+}
+
 // False when the connection is to be closed.
 bool serve(int fd, const QByteArray &line)
 {
@@ -92,11 +105,8 @@ bool serve(int fd, const QByteArray &line)
         if (QFile file(beside(step["file"_L1].toString())); file.open(QIODevice::ReadOnly))
             sendAll(fd, file.readAll());
         QThread::msleep(static_cast<unsigned long>(step["wait"_L1].toInt()));
-        if (const QByteArray seconds = QByteArray::number(step["leak"_L1].toInt());
-            seconds != "0" && fork() == 0) {
-            dup2(fd, STDIN_FILENO);
-            execl("/bin/sleep", "sleep", seconds.constData(), nullptr);
-        }
+        if (const int seconds = step["leak"_L1].toInt(); seconds != 0)
+            leak(fd, QByteArray::number(seconds));
         if (step["exit"_L1].toInt() != 0)
             _exit(0);
         if (step["close"_L1].toInt() != 0)

@@ -46,8 +46,17 @@ constexpr Situation situations[] {
     { "refuses", "cp refusal hello.json", "", Here, Launch, "call", "Orrery error [no]" },
     { "server dies", "cp fails orrery-mcp", "", "", "", "initialize", "exit status 3: no" },
     { "TMPDIR nowhere", "", "TMPDIR=/no\033where", "", "", "tmpdir", "no folder" },
+    { "relative TMPDIR", "", "TMPDIR=.", "", "", "", "relative to wherever" },
+    { "long TMPDIR", "mkdir -p $PWD$PWD$PWD$PWD/tmp", "TMPDIR=@@@@/tmp", "", "", "tmpdir",
+      "too long" },
+    { "a display", "ln -s tmp/orrery-control-`id -u` wayland",
+      "WAYLAND_DISPLAY=@/wayland DISPLAY=:77", Here, "", "", "ok      display" },
+    { "no display", "", "WAYLAND_DISPLAY=@/no DISPLAY=:77", "", "", "", "X77 is no socket). ->" },
+    { "a sandbox", "", "SNAP=/snap/x", "", "", "", "SNAP=/snap/x" },
+    { "cookies", "", "XAUTHORITY=@/fails", "", "", "", "ok      variables" },
     { "empty XAUTHORITY", "", "XAUTHORITY=", "", "", "", "nothing: XAUTHORITY" },
     { "an AppImage", "", "APPDIR=@ APPIMAGE=@/fails", "", "", "", "/fails, which is what gets" },
+    { "another's AppImage", "", "APPDIR=/usr APPIMAGE=@/fails", "", "", "", "ignored" },
     { "a lost AppImage", "", "APPDIR=@ APPIMAGE=@/no", "", "", "", "image file is not there" },
 };
 
@@ -61,7 +70,7 @@ void install(Installation &home)
     QVERIFY(QDir(home.folder()).mkdir(u"other"_s));
     QVERIFY(QFile::copy(QStringLiteral(DOCTOR_PATH), home.path(u"orrery-mcp-doctor"_s)));
     QVERIFY(QFile::copy(QStringLiteral(FAKE_PATH), home.path(u"other/orrery"_s)));
-    home.write(u"fails"_s, "#!/bin/sh\necho 'no \033[31mdisplay' >&2; exit 3\n");
+    home.write(u"fails"_s, "#!/bin/sh\nseq 12 >&2; echo 'no \033[31mdisplay' >&2; exit 3\n");
     // No raw string, over which moc would lose the class below.
     home.write(u"refusal"_s,
                "[{\"send\":\"{\\\"id\\\":$id,\\\"error\\\":{\\\"code\\\":\\\"no\\\"}}\\n\"}]");
@@ -135,6 +144,9 @@ private Q_SLOTS:
             QFile::remove(home.pipePath()); // of an application that died
         const QString json = examine(home, list(situation.option) << u"--json"_s, &exitStatus);
         QCOMPARE(checksIn(json), checksIn(text));
+        const qsizetype warnings = checksIn(json).filter(u"warning"_s).size();
+        QCOMPARE(parsed(json.toUtf8())["warnings"_L1].toInt(), warnings);
+        QVERIFY(text.contains(u" %1 warning"_s.arg(warnings)));
         const QStringList faults = checksIn(json).filter(u"fault"_s);
         QCOMPARE(faults.join(u' ').remove(u"fault "_s), QLatin1StringView(situation.faults));
         QCOMPARE(exitStatus, faults.isEmpty() ? 0 : 1);
@@ -152,6 +164,9 @@ private Q_SLOTS:
         const Application app(home);
         int exitStatus = -1;
         const QString text = examine(home, { u"--bare"_s }, &exitStatus);
+        const QString since = text.section(u" since "_s, 1).left(19);
+        const QDateTime start = QDateTime::fromString(since, Qt::ISODate);
+        QVERIFY2(qAbs(start.secsTo(QDateTime::currentDateTime())) < 60, qPrintable(since));
         for (const char *said : { "TMPDIR is not set", "Neither", "no AppImage", "cannot meet" })
             QVERIFY2(text.contains(QLatin1StringView(said)), qPrintable(text));
         QCOMPARE(exitStatus, 1);

@@ -27,14 +27,16 @@ void tst_wire::writesWhatQtWrites_data()
     const auto row = [](const char *name, const QByteArray &json) { QTest::newRow(name) << json; };
     row("every ASCII character", [] {
         QJsonArray all;
-        for (char16_t c = 0; c < 0x90; ++c) // at each place of a block
+        for (char16_t c = 0; c < 0x90; ++c) { // at each place of a block, and outside of one
             all += QString(c % 9, u'x') + QChar(c) + QString(9, u'y');
+            all += QString(QChar(c));
+        }
         return QJsonDocument(all).toJson();
     }());
     row("surrogates", R"(["\ud800","x\udc00","\ud83d\ude00","\ude00\ud83d","1234567\ud83d\ude00",
-        "12345678\ud83d","\ud83d\ud83d\ude00"])");
+        "12345678\ud83d","\ud83d\ud83d\ude00","\ud8000123456789abcdef"])");
     row("beyond ASCII",
-        R"(["é","ж","語","😀","\u2028\u2029","\ufffd\uffff\ud7ff\ue000","1234567語8"])");
+        R"(["é","ж","語","😀","\u2028\u2029","\u07ff\u0800\ufffd\uffff\ud7ff\ue000","1234567語8"])");
     row("integers", R"([0,-0,9007199254740991,9007199254740992,9007199254740993,-9007199254740993,
         9223372036854775807,9223372036854775808,-9223372036854775808,-9223372036854775809])");
     row("numbers", R"([-0.0,0.1,1.0,100000.0,1e5,1e18,1e21,1e22,5e-324,1.7976931348623157e308,
@@ -42,7 +44,9 @@ void tst_wire::writesWhatQtWrites_data()
     row("empty ones", R"({"":{},"a":[],"b":"","c":[{},[[]]]})");
     row("keys", R"({"\"":1,"\n":2,"é":3,"\ud800":4,"b":{"a\\":null},"zz":true,"z":false})");
     row("1,000 levels", QByteArray(1000, '[') + '1' + QByteArray(1000, ']'));
-    row("long strings", "[\"" + QByteArray("0123456789\\n\u00e9").repeated(2000) + "\",\""
+    row("escaped throughout", "[\"" + QByteArray("\\u0001").repeated(5000) + "\"]");
+    row("long strings", "[\"" + QByteArray("0123456789\\n\U0001f600").repeated(4000) + "\",\""
+                                + "\\\\" + QByteArray(70'000, 'A') + "\",\""
                                 + QByteArray(70'000, 'A') + "\",\"" + QByteArray(70'000, 'A')
                                 + "\\\\\"]");
 }
@@ -66,8 +70,8 @@ void tst_wire::writesWhatQtWrites()
 
 void tst_wire::keepsByteOrderMarks()
 {
-    const QByteArray line
-            = "{\"\ufeff\":[\"\ufeff\",\"\ufeff\ufeffé\",\"a\ufeff\\\"\ufeff\"],\"\uff0c\":1}";
+    const QByteArray line = "{\"a\uff0c\":0,\"\ufeff\":[\"\ufeff\",\"\ufeff\ufeffé\","
+                            "\"a\ufeff\\\"\ufeff\"],\"\uff0c\":1}";
     JsonText text;
     text.value(parseObject(line).value_or(QJsonObject()));
     // Keys go by their UTF-16 units.
@@ -83,8 +87,9 @@ void tst_wire::tellsWhatALineCosts_data()
     QTest::newRow("a log") << QByteArray("[1] {\\\"a\\\":1}, at 10:00:00.\\n") << 200 << false;
     QTest::newRow("rows") << QByteArray(R"(",{"id":"/vms/a.vm","name":"a","cpu":4},")") << 50
                           << false;
-    QTest::newRow("objects in a string") << QByteArray(R"({\"a\":1},)") << 60 << false;
+    QTest::newRow("objects in a string") << QByteArray(R"(\",[1],\")") << 60 << false;
     QTest::newRow("objects") << QByteArray(R"(",{"a":1},")") << 60 << true;
+    QTest::newRow("keys") << QByteArray(R"(","a":")") << 85 << true;
     QTest::newRow("arrays") << QByteArray(R"(",[[[1]]],")") << 30 << true;
     QTest::newRow("numbers") << QByteArray(R"(",1,1,1,1,1,1,1,")") << 100 << true;
 }

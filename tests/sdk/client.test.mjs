@@ -55,6 +55,30 @@ test('launches, calls and gets errors', async () => {
   assert.match((await call('no_such_tool')).content[0].text, /^unknown tool: no_such_tool$/);
 });
 
+test('refuses what the catalogue rules out, and says which kind of fault it is', async () => {
+  const { vms } = object(await call('list_vms'));
+  const [running, stopped, suspended] = ['running', 'stopped', 'suspended'].map(
+    state => vms.find(vm => vm.state === state).id);
+  assert.ok(!(await call('add_shared_folder', { id: stopped, hostPath: home })).isError);
+  for (const [code, name, args] of [
+    ['wrong_state', 'delete_vm', { id: running, confirm: true }],
+    ['invalid_argument', 'delete_vm', { id: stopped, confirm: false }],
+    ['wrong_state', 'start_vm', { id: suspended }],
+    ['wrong_state', 'stop_vm', { id: suspended }],
+    ['wrong_state', 'suspend_resume_vm', { id: stopped }],
+    ['invalid_argument', 'resize_disk', { id: stopped, newGB: 64, confirm: true }],
+    ['invalid_argument', 'add_shared_folder', { id: stopped, hostPath: home, name: 'another' }],
+    ['invalid_argument', 'set_linux_network_path', { id: stopped, driver: 'native' }],
+    ['not_ready', 'set_linux_network_path', { id: running, driver: 'service' }],
+    ['not_ready', 'run_in_guest', { id: running, command: 'echo' }],
+    ['invalid_argument', 'wait_for_state', { id: running, timeoutSeconds: 291 }],
+    ['invalid_argument', 'read_console_text', { id: running, pattern: '(' }],
+  ]) {
+    const { isError, content } = await call(name, args);
+    assert.ok(isError && content[0].text.startsWith(`Orrery error [${code}]: `), content[0].text);
+  }
+});
+
 test('sees the events of a job while it waits', async () => {
   const { jobId } = object(await call('create_vm', {
     os: 'linux', cpu: 2, ramGB: 4, diskGB: 20, network: 'nat', name: 'sdk', async: true,
