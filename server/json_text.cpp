@@ -203,8 +203,7 @@ template <JsonText::Style style> void JsonText::escaped(QStringView text)
     const char16_t *const end = in + text.size();
     while (in != end) {
         const char16_t *const pieceEnd = in + std::min<qsizetype>(PieceUnits, end - in);
-        char *out = room((pieceEnd - in + 1) * MaxEscapedBytes); // 1: half of a pair
-
+        char *out = room((pieceEnd - in) * MaxEscapedBytes);
         const char *const begin = out;
         putText<Nested>(in, pieceEnd, end, out);
         size += out - begin;

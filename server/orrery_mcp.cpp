@@ -174,10 +174,11 @@ void replyError(const QJsonValue &id, int code, const QString &message)
     line.string("2.0"_L1);
     line.endObject();
     line.endLine();
+    constexpr qsizetype Excerpt = 64; // of a method's name, which may be as long as a line
     if (!line.isTooLong())
         writeMessage(line);
-    else if (!message.isEmpty()) // a method's name may be as long as a line
-        replyError(id, code, {});
+    else if (message.size() > Excerpt)
+        replyError(id, code, message.first(Excerpt));
 }
 
 // A JSON value as a string for a reader: objects and arrays indented, a string as itself, null as
@@ -696,7 +697,7 @@ void putEvent(JsonText &lines, const QJsonObject &event)
 bool takeResponse(LineBuffer &input, int requestId, std::optional<QJsonObject> *response,
                   QString *error)
 {
-    JsonText events;
+    JsonText events(std::min(input.rest().size(), Limits::EventBatchBytes));
     const auto flush = [&events] {
         writeMessage(events);
         events.clear();
@@ -709,7 +710,7 @@ bool takeResponse(LineBuffer &input, int requestId, std::optional<QJsonObject> *
         const std::optional<QByteArrayView> line = input.takeLine();
         if (!line)
             break;
-        if (events.bytes().size() + line->size() > Limits::PipeChunkBytes * 2)
+        if (events.bytes().size() + line->size() > Limits::EventBatchBytes)
             flush();
         if (line->size() > Limits::MaxPipeLineBytes) {
             flush();

@@ -44,7 +44,8 @@ constexpr std::chrono::milliseconds Quiet { 500 };
 
 constexpr qsizetype InputChunkBytes = 65'536;
 constexpr qsizetype MaxPipeLineBytes = 268'435'456;
-constexpr qsizetype PipeChunkBytes = 1'048'576; // read ahead or written at a time, at most
+constexpr qsizetype PipeChunkBytes = 1'048'576; // read ahead at most
+constexpr qsizetype EventBatchBytes = 2'097'152; // of events that go out in one write
 
 constexpr qsizetype LargeBytes = 262'144; // what is worth giving its memory back
 constexpr qsizetype MaxParsedBytes = 1'342'177'280; // what a line may cost once it is parsed
