@@ -1,8 +1,8 @@
 #include "json_text.h"
 
 #include "freed_memory.h"
+#include "json_escape.h"
 #include "server_limits.h"
-#include "vector_blocks.h"
 
 #include <QCborArray>
 #include <QCborMap>
@@ -11,10 +11,8 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QLocale>
-#include <QVariant>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -26,108 +24,6 @@ namespace {
 constexpr qsizetype FirstBytes = 256;
 constexpr qsizetype IndentBytes = 4;
 constexpr qsizetype LargeStringBytes = 65'536;
-
-// What a UTF-16 unit becomes at most: \\u001f, in a text within a string.
-constexpr qsizetype MaxEscapedBytes = 7;
-
-// Which elements are no ASCII, or are escaped in a JSON string. A byte beyond 0x7f is negative.
-template <typename Block> Block special(Block block)
-{
-    const Block common = (block < 0x20) | (block == '"') | (block == '\\');
-    if constexpr (std::is_same_v<Block, Bytes>)
-        return common;
-    else
-        return common | (block > 0x7f);
-}
-
-// How a string writes what is below 0x80: as itself (0), with a letter behind the backslash, or by
-// its number ('u').
-constexpr auto Escapes = [] {
-    std::array<char, 0x80> letters {};
-    for (size_t c = 0; c < 0x20; ++c)
-        letters[c] = 'u';
-    letters[u'\b'] = 'b';
-    letters[u'\t'] = 't';
-    letters[u'\n'] = 'n';
-    letters[u'\f'] = 'f';
-    letters[u'\r'] = 'r';
-    letters[u'"'] = '"';
-    letters[u'\\'] = '\\';
-    return letters;
-}();
-
-char *putNumbered(char *out, char16_t unit)
-{
-    constexpr auto Digits = "0123456789abcdef";
-    *out++ = 'u';
-    for (int shift = 12; shift >= 0; shift -= 4)
-        *out++ = Digits[(unit >> shift) & 0xf];
-    return out;
-}
-
-// Writes one character, of one unit or a surrogate pair, from text on; both move behind it. nested:
-// the string stands in a text that is a string itself, so that each backslash and quote of its JSON
-// form has a backslash before it.
-template <bool nested> void putCharacter(const char16_t *&text, const char16_t *end, char *&out)
-{
-    const char16_t unit = *text++;
-    if (unit < 0x80) {
-        const char letter = Escapes[unit];
-        if (letter == 0) {
-            *out++ = static_cast<char>(unit);
-            return;
-        }
-        *out++ = '\\';
-        if (nested) {
-            *out++ = '\\';
-            if (letter == '"' || letter == '\\')
-                *out++ = '\\';
-        }
-        if (letter == 'u')
-            out = putNumbered(out, unit);
-        else
-            *out++ = letter;
-    } else if (unit < 0x800) {
-        *out++ = static_cast<char>(0xc0 | (unit >> 6));
-        *out++ = static_cast<char>(0x80 | (unit & 0x3f));
-    } else if (!QChar::isSurrogate(unit)) {
-        *out++ = static_cast<char>(0xe0 | (unit >> 12));
-        *out++ = static_cast<char>(0x80 | ((unit >> 6) & 0x3f));
-        *out++ = static_cast<char>(0x80 | (unit & 0x3f));
-    } else if (QChar::isHighSurrogate(unit) && text != end && QChar::isLowSurrogate(*text)) {
-        const char32_t code = QChar::surrogateToUcs4(unit, *text++);
-        *out++ = static_cast<char>(0xf0 | (code >> 18));
-        *out++ = static_cast<char>(0x80 | ((code >> 12) & 0x3f));
-        *out++ = static_cast<char>(0x80 | ((code >> 6) & 0x3f));
-        *out++ = static_cast<char>(0x80 | (code & 0x3f));
-    } else { // half of a pair has no UTF-8 form
-        *out++ = '\\';
-        if (nested)
-            *out++ = '\\';
-        out = putNumbered(out, unit);
-    }
-}
-
-// Writes text up to end in blocks, and the rest of it one by one; both move on. A surrogate pair
-// that begins there is written whole, if it ends before textEnd.
-template <bool nested>
-void putText(const char16_t *&text, const char16_t *end, const char16_t *textEnd, char *&out)
-{
-    while (end - text >= BlockUnits) {
-        const auto block = loadBlock<Units>(text);
-        const auto narrow = __builtin_convertvector(block, NarrowUnits);
-        std::memcpy(out, &narrow, sizeof narrow);
-        if (any(special(block))) {
-            for (const char16_t *const blockEnd = text + BlockUnits; text < blockEnd;)
-                putCharacter<nested>(text, textEnd, out);
-        } else {
-            text += BlockUnits;
-            out += BlockUnits;
-        }
-    }
-    while (text < end)
-        putCharacter<nested>(text, textEnd, out);
-}
 
 } // namespace
 
