@@ -88,8 +88,9 @@ void checkApplication(Report &report)
     const QString name = u"process"_s;
     const QList<unsigned long> pids = HostProcess::findApps();
     if (pids.isEmpty()) {
-        report.ok(name, u"Orrery does not run; the server starts it with the first call that needs "
-                        "it."_s);
+        report.ok(name,
+                  u"Orrery does not run; where it can be started, the server does so with the "
+                  "first call that needs it."_s);
         return;
     }
     QStringList texts;

@@ -30,8 +30,11 @@ void checkTemporaryFolder(Report &report)
     const QString folder = QDir::tempPath();
     const QString socket = folder + u'/' + OrreryControl::pipeName();
     const QFileInfo info(folder);
-    const QString finding = variable.isEmpty() ? u"TMPDIR is not set, so %1 is used"_s.arg(folder)
-                                               : u"TMPDIR is %1"_s.arg(variable);
+    const QString finding
+            = !variable.isEmpty()
+                      ? u"TMPDIR is %1"_s.arg(variable)
+                      : u"TMPDIR is %1, so %2 is used"_s.arg(
+                              variable.isNull() ? u"not set"_s : u"set to nothing"_s, folder);
     if (!info.isDir())
         report.fault(name, finding + u", which is no folder."_s,
                      u"Unset TMPDIR, or set it to the folder that Orrery uses."_s);

@@ -122,6 +122,8 @@ void checkHolder(Report &report, bool isRunning)
 
 void checkSocket(Report &report)
 {
+    if (QDir::tempPath().isEmpty())
+        return; // a TMPDIR that leads nowhere, which has been reported
     const QString name = u"socket"_s;
     const QString path = QDir(QDir::tempPath()).filePath(OrreryControl::pipeName());
     const QByteArray file = path.toLocal8Bit();

@@ -16,9 +16,9 @@ class tst_host : public QObject
 private Q_SLOTS:
     void tellsTheVersion()
     {
-        QCOMPARE(exeVersion(u"/no/such"_s, u"ProductVersion"_s), u"0.1.147"_s);
-        QCOMPARE(exeVersion(QString(), u"FileVersion"_s), u"147"_s);
-        QCOMPARE(exeVersion(QString(), u"productversion"_s), u"147"_s);
+        QCOMPARE(exeVersion(u"/no/such"_s, u"ProductVersion"_s), QStringLiteral(PRODUCT_VERSION));
+        QCOMPARE(exeVersion(QString(), u"FileVersion"_s), QStringLiteral(BUILD_NUMBER));
+        QCOMPARE(exeVersion(QString(), u"productversion"_s), QStringLiteral(BUILD_NUMBER));
     }
 
     void anEmptyHandleIsQuiet_data()

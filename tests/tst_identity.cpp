@@ -85,8 +85,10 @@ private Q_SLOTS:
         const QByteArray pid = QByteArray::number(app.process.processId());
         QCOMPARE(
                 compact(server.status()),
-                ours ? R"({"build":"147","bundleId":"app.orrery.Orrery","pid":)" + pid
-                                + R"(,"running":true,"socketReachable":true,"version":"0.1.147"})"
+                ours ? R"({"build":")" BUILD_NUMBER R"(","bundleId":"app.orrery.Orrery","pid":)"
+                                + pid
+                                + R"(,"running":true,"socketReachable":true,"version":")" PRODUCT_VERSION
+                                  "\"}"
                      : R"({"build":null,"bundleId":"app.orrery.Orrery","pid":null,"running":false,)"
                        R"("socketReachable":false,"version":null})");
         const QJsonObject answer = server.call(u"list_vms"_s);
