@@ -1,20 +1,32 @@
 #include "line_buffer.h"
 
 #include "freed_memory.h"
-#include "server_limits.h"
 
 #include <algorithm>
 #include <cstring>
+
+namespace {
+
+// A buffer of this size stays. A longer line gets one that malloc maps by itself: only what is used
+// of it takes memory, it can come in large pages, and it goes back as soon as it is freed.
+constexpr qsizetype KeptBytes = 2 << 20;
+constexpr qsizetype MappedBytes = 64 << 20;
+
+// So that a line is copied few times while it comes in.
+qsizetype grown(qsizetype needed)
+{
+    return needed <= KeptBytes / 2 ? 2 * needed : std::max(2 * needed, MappedBytes);
+}
+
+} // namespace
 
 char *LineBuffer::space(qsizetype wanted)
 {
     if (begin == end)
         begin = end = 0;
     if (bytes.size() - end < wanted) {
-        // In place where that makes room enough; twice the size otherwise, so that a long line is
-        // copied few times.
         const qsizetype needed = end - begin + wanted;
-        move(needed <= bytes.size() / 2 ? bytes.size() : std::max(needed, (end - begin) * 2));
+        move(needed <= bytes.size() / 2 ? bytes.size() : grown(needed));
     }
     return bytes.data() + end;
 }
@@ -38,7 +50,7 @@ std::optional<QByteArrayView> LineBuffer::takeLine()
 
 void LineBuffer::releaseTaken()
 {
-    if (begin >= Limits::LargeBytes)
+    if (bytes.size() > KeptBytes && begin > 0)
         move(end - begin);
 }
 
