@@ -7,15 +7,18 @@
 
 namespace {
 
-// A buffer of this size stays. A longer line gets one that malloc maps by itself: only what is used
-// of it takes memory, it can come in large pages, and it goes back as soon as it is freed.
-constexpr qsizetype KeptBytes = 2 << 20;
+constexpr qsizetype KeptBytes = 2 << 20; // a buffer of this size stays
+
+// Beyond this, the next buffer is one that malloc maps by itself: only what is used of it takes
+// memory, it can come in large pages, and it goes back as soon as it is freed. A shorter one uses
+// freed memory again.
+constexpr qsizetype MapBeyondBytes = 14 << 20;
 constexpr qsizetype MappedBytes = 64 << 20;
 
 // So that a line is copied few times while it comes in.
 qsizetype grown(qsizetype needed)
 {
-    return needed <= KeptBytes / 2 ? 2 * needed : std::max(2 * needed, MappedBytes);
+    return needed <= MapBeyondBytes ? 2 * needed : std::max(2 * needed, MappedBytes);
 }
 
 } // namespace
