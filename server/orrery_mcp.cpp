@@ -123,8 +123,7 @@ void writeMessage(const JsonText &lines)
     writeOutput(lines.bytes());
 }
 
-// Begins a response; what follows is its "jsonrpc" member and the rest. An undefined id leaves the
-// member out.
+// The "id" member of a response, which an undefined id leaves out.
 void putId(JsonText &line, const QJsonValue &id)
 {
     if (id.isUndefined())
@@ -487,8 +486,8 @@ void replyResponse(const QJsonValue &id, const QJsonObject &response)
 }
 
 // Registers a call as the one that can be cancelled, or that there is none. Either way nothing is
-// cancelled yet: a cancellation that the reader is recording comes before both stores or after
-// both, and then finds another id.
+// cancelled yet: under the lock, a cancellation that the reader is recording comes before both
+// stores, and is cleared, or after both, and finds another id.
 void setInFlight(qint64 id)
 {
     const std::lock_guard lock(g_call);
