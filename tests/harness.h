@@ -14,7 +14,9 @@
 
 #include <csignal>
 
+#include <poll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -111,12 +113,17 @@ public:
         return pids;
     }
 
-    // Kills them and waits until nobody takes connections any more: of a process that ends, the
-    // listening socket may go last, and who comes in between meets a holder that is gone at once.
+    // Kills them and waits until they are gone and nobody takes connections any more. Of a process
+    // that ends, the executable can no longer be read first, then the sockets close, and only then
+    // does it count as ended; who comes in between meets a holder that is gone at once.
     void endApplications() const
     {
-        for (const qint64 pid : applications())
+        for (const qint64 pid : applications()) {
+            pollfd end { int(syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0)), POLLIN, 0 };
             kill(static_cast<pid_t>(pid), SIGKILL);
+            if (end.fd >= 0 && poll(&end, 1, PatienceMs) >= 0)
+                close(end.fd);
+        }
         sockaddr_un address {};
         address.sun_family = AF_UNIX;
         qstrncpy(address.sun_path, qPrintable(pipePath()), sizeof address.sun_path);
