@@ -2,12 +2,11 @@
 
 #include "freed_memory.h"
 #include "json_escape.h"
+#include "plain_string.h"
 #include "server_limits.h"
 
 #include <QCborArray>
 #include <QCborMap>
-#include <QCborStreamWriter>
-#include <QIODevice>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QLocale>
@@ -77,9 +76,25 @@ void JsonText::json(QByteArrayView text)
         tooLong = true;
 }
 
+void JsonText::borrowedString(QByteArrayView plain)
+{
+    separate();
+    put('"');
+    borrowed = plain;
+    borrowedAt = size;
+    put('"');
+}
+
+bool JsonText::isTooLong() const
+{
+    return tooLong || size + borrowed.size() > Limits::MaxMessageBytes;
+}
+
 void JsonText::clear()
 {
     size = 0;
+    borrowed = {};
+    borrowedAt = 0;
     afterValue = false;
     tooLong = false;
 }
@@ -119,66 +134,18 @@ template <JsonText::Style style> void JsonText::quoted(QStringView text)
 }
 
 // Writes bytes that stand for themselves. False, with some of them written, when not all do.
-bool JsonText::plain(QByteArrayView text)
+bool JsonText::putIfPlain(QByteArrayView text)
 {
-    constexpr qsizetype PieceBytes = 65'536;
+    constexpr qsizetype PieceBytes = 2'048; // of which the second look is cheap
     while (!text.isEmpty()) {
         const QByteArrayView piece = text.first(std::min(PieceBytes, text.size()));
-        text = text.sliced(piece.size());
-        char *const out = room(piece.size());
-        Bytes bad {};
-        qsizetype at = 0;
-        for (; at + BlockBytes <= piece.size(); at += BlockBytes) {
-            const auto block = loadBlock<Bytes>(piece.data() + at);
-            std::memcpy(out + at, &block, sizeof block);
-            bad |= special(block) | (block == '?');
-        }
-        bool isPlain = !any(bad);
-        for (; at < piece.size(); ++at) {
-            const char c = piece[at];
-            isPlain = isPlain && c >= 0x20 && c != '"' && c != '\\' && c != '?';
-            out[at] = c;
-        }
-        size += piece.size();
-        if (!isPlain)
+        if (!isPlain(piece))
             return false;
+        put(piece);
+        text = text.sliced(piece.size());
     }
     return true;
 }
-
-// Takes a string out of QCborValue without a copy: as the bytes of its CBOR form, whose header it
-// drops. What is not plain has to be written in another way.
-class StringTap : public QIODevice
-{
-public:
-    explicit StringTap(JsonText &target) : text(target)
-    {
-        open(QIODevice::WriteOnly | QIODevice::Unbuffered);
-    }
-
-    bool isPlain = true;
-
-protected:
-    qint64 readData(char *, qint64) override { return -1; }
-
-    qint64 writeData(const char *data, qint64 length) override
-    {
-        QByteArrayView bytes(data, length);
-        if (header < 0 && !bytes.isEmpty()) {
-            // RFC 8949, 3: the low five bits are the length, or say how many bytes behind hold it.
-            const int lengthBits = bytes.front() & 0x1f;
-            header = 1 + (lengthBits < 24 ? 0 : 1 << (lengthBits - 24));
-        }
-        const qint64 skipped = std::min<qint64>(header, bytes.size());
-        header -= skipped;
-        isPlain = isPlain && text.plain(bytes.sliced(skipped));
-        return length;
-    }
-
-private:
-    JsonText &text;
-    qint64 header = -1; // bytes of it still to come; -1 before the first
-};
 
 // A string, without the detour through UTF-16 where it may be large and is plain. How long one is
 // only that detour would tell, so what was expected is shared out among the elements of a
@@ -188,13 +155,10 @@ template <JsonText::Style style> void JsonText::stringValue(const QCborValue &st
     if (share >= LargeStringBytes) {
         const qsizetype start = size;
         put(quote<style>());
-        StringTap tap(*this);
-        QCborStreamWriter writer(&tap);
-        string.toCbor(writer);
-        if (tap.isPlain || tooLong)
+        if (visitBytes(string, [this](QByteArrayView bytes) { return putIfPlain(bytes); }))
             return put(quote<style>());
-        // Half a surrogate pair would have become a question mark, so that one is not plain here.
-        size = start;
+        if (!tooLong)
+            size = start;
     }
     quoted<style>(string.toString());
 }
@@ -285,14 +249,6 @@ void JsonText::value(const QJsonValue &value)
         const QCborArray holder = QCborArray::fromJsonArray({ value });
         return element<Style::Compact>(holder.first(), 0);
     }
-}
-
-void JsonText::largeString(const QCborValue &string)
-{
-    separate();
-    const qsizetype whole = std::exchange(share, std::max(share, LargeStringBytes));
-    stringValue<Style::Compact>(string);
-    share = whole;
 }
 
 void JsonText::readerText(const QJsonValue &value, QLatin1StringView except)

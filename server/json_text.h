@@ -8,6 +8,7 @@
 #include <QLatin1StringView>
 #include <QStringView>
 
+#include <array>
 #include <cstring>
 
 class QCborValue;
@@ -53,8 +54,9 @@ public:
     // Any value, compact. An undefined one is written as null; leave its member out.
     void value(const QJsonValue &value);
 
-    // A string value that is probably large.
-    void largeString(const QCborValue &string);
+    // A string, of which there can be one, that is not copied: the caller keeps it until the text
+    // is sent. It isPlain().
+    void borrowedString(QByteArrayView plain);
 
     // Text that is JSON already.
     void json(QByteArrayView text);
@@ -68,15 +70,21 @@ public:
     void endLine();
 
     // Whether the limit (Limits::MaxMessageBytes) was reached. If so, the text is of no use.
-    [[nodiscard]] bool isTooLong() const { return tooLong; }
+    [[nodiscard]] bool isTooLong() const;
 
     // Begins anew; what was expected stays.
     void clear();
 
+    // What was written, but for what is borrowed.
     [[nodiscard]] QByteArrayView bytes() const { return { place, size }; }
 
+    // All of it: up to what is borrowed, that, and what follows.
+    [[nodiscard]] std::array<QByteArrayView, 3> pieces() const
+    {
+        return { bytes().first(borrowedAt), borrowed, bytes().sliced(borrowedAt) };
+    }
+
 private:
-    friend class StringTap;
     enum class Style { Compact, Reader };
 
     void resizeBuffer(qsizetype bytes);
@@ -126,7 +134,7 @@ private:
     template <Style style> static constexpr QByteArrayView quote();
     template <Style style> void quoted(QStringView text);
     template <Style style> void stringValue(const QCborValue &string);
-    bool plain(QByteArrayView text);
+    bool putIfPlain(QByteArrayView text);
     template <Style style> void element(const QCborValue &value, int level);
     template <Style style, typename Container>
     void container(const Container &members, int level, QLatin1StringView except = {});
@@ -136,6 +144,8 @@ private:
     char *place = nullptr; // of the buffer
     qsizetype capacity = 0;
     qsizetype size = 0; // bytes written
+    QByteArrayView borrowed;
+    qsizetype borrowedAt = 0; // so many bytes are written before it
     bool afterValue = false; // so that the next one needs a comma
     bool tooLong = false;
     qsizetype share; // of what was expected, for each element of the container being written

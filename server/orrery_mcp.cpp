@@ -16,6 +16,7 @@
 #include "json_text.h"
 #include "line_buffer.h"
 #include "orrery_control.h"
+#include "plain_string.h"
 #include "server_limits.h"
 
 #include <QCborMap>
@@ -31,6 +32,8 @@
 #include <QSet>
 #include <QThread>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -48,6 +51,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -96,18 +100,28 @@ qint64 readInput(char *data, qsizetype size)
     }
 }
 
-// Writes all of it, also to a slow reader or in non-blocking mode. What cannot be written at all is
-// dropped: the client is gone, and what it asked for is still carried out.
-void writeOutput(QByteArrayView bytes)
+// Writes all pieces, also to a slow reader or in non-blocking mode. What cannot be written at all
+// is dropped: the client is gone, and what it asked for is still carried out.
+void writeOutput(std::array<QByteArrayView, 3> pieces)
 {
-    while (!bytes.isEmpty()) {
-        const ssize_t count = write(STDOUT_FILENO, bytes.data(), static_cast<size_t>(bytes.size()));
-        if (count >= 0)
-            bytes = bytes.sliced(count);
-        else if (errno == EAGAIN)
+    for (auto piece = pieces.begin(); piece != pieces.end();) {
+        std::array<iovec, pieces.size()> left {};
+        const auto end
+                = std::transform(piece, pieces.end(), left.begin(), [](QByteArrayView bytes) {
+                      return iovec { const_cast<char *>(bytes.data()),
+                                     static_cast<size_t>(bytes.size()) };
+                  });
+        ssize_t count = writev(STDOUT_FILENO, left.data(), static_cast<int>(end - left.begin()));
+        if (count >= 0) {
+            for (; piece != pieces.end() && piece->size() <= count; ++piece)
+                count -= piece->size();
+            if (piece != pieces.end())
+                *piece = piece->sliced(count);
+        } else if (errno == EAGAIN) {
             waitReady(STDOUT_FILENO, POLLOUT);
-        else if (errno != EINTR)
+        } else if (errno != EINTR) {
             return;
+        }
     }
 }
 
@@ -120,7 +134,7 @@ void writeMessage(const JsonText &lines)
     if (lines.bytes().isEmpty())
         return;
     const std::lock_guard lock(g_out);
-    writeOutput(lines.bytes());
+    writeOutput(lines.pieces());
 }
 
 // The "id" member of a response, which an undefined id leaves out.
@@ -709,16 +723,13 @@ bool takeResponse(LineBuffer &input, int requestId, std::optional<QJsonObject> *
         const std::optional<QByteArrayView> line = input.takeLine();
         if (!line)
             break;
+        // Also before any line that is refused: each of those is longer than a batch.
         if (events.bytes().size() + line->size() > Limits::EventBatchBytes)
             flush();
-        if (line->size() > Limits::MaxPipeLineBytes) {
-            flush();
+        if (line->size() > Limits::MaxPipeLineBytes)
             return refuse(u"Orrery sent a line of more than 256 MiB"_s);
-        }
-        if (isTooCostly(*line)) {
-            flush();
+        if (isTooCostly(*line))
             return refuse(u"Orrery sent a line that takes more than 1.25 GiB of memory to read"_s);
-        }
         g_messageBytes = line->size();
         const QJsonObject message = parseObject(*line).value_or(QJsonObject());
         input.releaseTaken();
@@ -949,17 +960,20 @@ void replyToolText(const QJsonValue &id, const QString &text, bool isError)
         replyTextBlock(id, TooLongText, true);
 }
 
-// An object with a screenshot as an image block before the rest as text.
-bool replyImage(const QJsonValue &id, const QJsonObject &object, const QCborValue &image)
+// An object with a screenshot as an image block, whose data putData writes, before the rest as
+// text.
+template <typename PutData>
+bool replyImageWith(const QJsonValue &id, const QJsonObject &object, qsizetype expectedBytes,
+                    PutData putData)
 {
     const bool isJpeg = object.value("format"_L1).toString() == "jpeg"_L1;
-    return replyWith(id, g_messageBytes, [&](JsonText &line) {
+    return replyWith(id, expectedBytes, [&](JsonText &line) {
         line.beginObject();
         line.key("content"_L1);
         line.beginArray();
         line.beginObject();
         line.key("data"_L1);
-        line.largeString(image);
+        putData(line);
         line.key("mimeType"_L1);
         line.string(isJpeg ? "image/jpeg"_L1 : "image/png"_L1);
         line.key("type"_L1);
@@ -971,6 +985,23 @@ bool replyImage(const QJsonValue &id, const QJsonObject &object, const QCborValu
         line.boolean(false);
         line.endObject();
     });
+}
+
+// The same, with the picture from where it lies if it can stand in the message as it is.
+bool replyImage(const QJsonValue &id, const QJsonObject &object, const QCborValue &image)
+{
+    bool written = false;
+    const bool isBorrowed = visitBytes(image, [&](QByteArrayView data) {
+        if (!isPlain(data))
+            return false;
+        written = replyImageWith(id, object, g_messageBytes - data.size(),
+                                 [data](JsonText &line) { line.borrowedString(data); });
+        return true;
+    });
+    if (isBorrowed)
+        return written;
+    return replyImageWith(id, object, g_messageBytes,
+                          [&image](JsonText &line) { line.string(image.toString()); });
 }
 
 // A value as a tool result: a screenshot in it becomes an image block before the rest as text.

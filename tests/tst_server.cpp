@@ -219,8 +219,10 @@ private Q_SLOTS:
                          withSteps(R"([{"fill":268435456},)" + sendStep("\n" + Answer).sliced(1))));
         QCOMPARE(server.line(), eventLine("{}"));
         QCOMPARE(resultText(parsed(server.line())), u"1"_s);
-        for (const int size : { 32, 288, 65'568 }) {
-            const QByteArray image(size, 'x');
+        for (const int size : { 32, 288, 65'568, 3'000'000 }) {
+            QByteArray image(size, 'x');
+            for (int at = 0; at < size; at += 7)
+                image[at] = char('A' + at % 26);
             const QJsonObject answer = server.callSteps(
                     sendStep("{\"id\":$id,\"result\":{\"imageBase64\":\"" + image + "\"}}\n"));
             QCOMPARE(answer["result"_L1]["content"_L1][0]["data"_L1],

@@ -3,7 +3,10 @@
 #include "json_input.h"
 #include "json_reference.h"
 #include "line_buffer.h"
+#include "plain_string.h"
+#include "server_limits.h"
 
+#include <QCborValue>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -15,6 +18,7 @@ class tst_wire : public QObject
 private Q_SLOTS:
     void writesWhatQtWrites_data();
     void writesWhatQtWrites();
+    void borrowsWhatIsPlain();
     void keepsByteOrderMarks();
     void tellsWhatALineCosts_data();
     void tellsWhatALineCosts();
@@ -66,6 +70,39 @@ void tst_wire::writesWhatQtWrites()
             QCOMPARE(single.bytes().toByteArray(), compactJson(value));
         }
     }
+}
+
+void tst_wire::borrowsWhatIsPlain()
+{
+    for (int c = 0; c < 0x100; ++c) {
+        for (const int size : { 1, 15, 16, 40 }) {
+            QByteArray text(size, 'x');
+            text[c % size] = char(c);
+            const bool standsForItself
+                    = compactJson(QString::fromLatin1(text)) == '"' + text + '"' && c != '?';
+            QCOMPARE(isPlain(text), standsForItself);
+        }
+    }
+    for (const qsizetype size : { 1, 23, 24, 255, 256, 65'535, 65'536 }) {
+        const QByteArray picture(size, 'p');
+        JsonText text;
+        text.beginArray();
+        text.boolean(true);
+        QVERIFY(visitBytes(QCborValue(QLatin1StringView(picture)), [&](QByteArrayView bytes) {
+            text.borrowedString(bytes);
+            return bytes == picture;
+        }));
+        text.integer(7);
+        text.endArray();
+        const auto [before, borrowed, after] = text.pieces();
+        QCOMPARE(before.toByteArray(), "[true,\"");
+        QCOMPARE(borrowed, picture);
+        QCOMPARE(after.toByteArray(), "\",7]");
+        QVERIFY(!text.isTooLong());
+    }
+    JsonText tooLong;
+    tooLong.borrowedString({ "", Limits::MaxMessageBytes - 1 });
+    QVERIFY(tooLong.isTooLong());
 }
 
 void tst_wire::keepsByteOrderMarks()
