@@ -54,8 +54,8 @@ public:
     // Any value, compact. An undefined one is written as null; leave its member out.
     void value(const QJsonValue &value);
 
-    // A string, of which there can be one, that is not copied: the caller keeps it until the text
-    // is sent. It isPlain().
+    // A string that is not copied, of which there can be one: the caller keeps it until the text is
+    // sent. It must be plain, see plain_string.h.
     void borrowedString(QByteArrayView plain);
 
     // Text that is JSON already.
