@@ -88,16 +88,16 @@ void tst_wire::borrowsWhatIsPlain()
         JsonText text;
         text.beginArray();
         text.boolean(true);
+        QByteArray written;
         QVERIFY(visitBytes(QCborValue(QLatin1StringView(picture)), [&](QByteArrayView bytes) {
             text.borrowedString(bytes);
-            return bytes == picture;
+            text.integer(7);
+            text.endArray();
+            for (const QByteArrayView piece : text.pieces())
+                written += piece;
+            return true;
         }));
-        text.integer(7);
-        text.endArray();
-        const auto [before, borrowed, after] = text.pieces();
-        QCOMPARE(before.toByteArray(), "[true,\"");
-        QCOMPARE(borrowed, picture);
-        QCOMPARE(after.toByteArray(), "\",7]");
+        QCOMPARE(written, "[true,\"" + picture + "\",7]");
         QVERIFY(!text.isTooLong());
     }
     JsonText tooLong;
