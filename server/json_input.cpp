@@ -12,10 +12,10 @@ namespace {
 
 // What QJsonDocument takes at most, in bytes, the allocator's part and the growth of its arrays
 // included.
-constexpr qsizetype ContainerCost = 192; // an object or an array that is not empty
-constexpr qsizetype ElementCost = 32; // a value or a key
+constexpr qsizetype ContainerCost = 192; // an object or an array, with its first value or key
+constexpr qsizetype ElementCost = 32; // a value or a key; an empty container is no more than that
 constexpr qsizetype StringCost = 16; // besides its bytes
-constexpr qsizetype MaxCostPerByte = 112; // of nested arrays, which cost most
+constexpr qsizetype MaxCostPerByte = 96; // of nested arrays, which cost most
 
 constexpr QByteArrayView ByteOrderMark = "\"\xef\xbb\xbf";
 
@@ -103,7 +103,8 @@ bool isTooCostly(QByteArrayView line)
         switch (line[at++]) {
         case '[':
         case '{':
-            cost += ContainerCost + ElementCost;
+            if (at < line.size() && line[at] != ']' && line[at] != '}')
+                cost += ContainerCost;
             break;
         case ',':
         case ':':

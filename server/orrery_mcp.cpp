@@ -12,6 +12,7 @@
 
 #include "freed_memory.h"
 #include "host_process.h"
+#include "json_escape.h"
 #include "json_input.h"
 #include "json_text.h"
 #include "line_buffer.h"
@@ -59,9 +60,11 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr qsizetype EnvelopeBytes = 256; // what stands around a result, but for the id
+constexpr qsizetype AnswerBytes = 1 << 20; // that an answer has at least, beside the longest id
 
 constexpr qint64 NoCall = -1;
 constexpr int ParseError = -32700;
+constexpr int InvalidRequest = -32600;
 constexpr int MethodNotFound = -32601;
 constexpr auto FallbackProtocolVersion = "2024-11-05"_L1;
 constexpr auto ImageKey = "imageBase64"_L1;
@@ -285,6 +288,17 @@ bool cancelInFlight(const QJsonObject &notification)
     return true;
 }
 
+// Whether an answer, in which the id comes back, has room for it. It may be as long as its line.
+bool isAnswerable(const QJsonValue &id, qsizetype lineBytes)
+{
+    constexpr qsizetype Longest = Limits::MaxMessageBytes - AnswerBytes;
+    if (lineBytes <= Longest / MaxEscapedBytes)
+        return true;
+    JsonText text;
+    text.value(id);
+    return !text.isTooLong() && text.bytes().size() <= Longest;
+}
+
 // One line of input: answers what must not wait behind a slow call, queues the rest.
 void receiveLine(QByteArrayView line, RequestQueue &queue)
 {
@@ -301,6 +315,10 @@ void receiveLine(QByteArrayView line, RequestQueue &queue)
     }
     const QString method = message->value("method"_L1).toString();
     const auto id = message->constFind("id"_L1);
+    if (id != message->constEnd() && !isAnswerable(*id, line.size())) {
+        replyError(QJsonValue::Null, InvalidRequest, u"Invalid Request: the id is too long"_s);
+        return;
+    }
     if (method == "ping"_L1 && id != message->constEnd()) {
         reply(*id, {});
         return;
@@ -458,7 +476,7 @@ private:
     bool waitToSend(QDeadlineTimer *deadline, QString *error);
     bool send(QByteArrayView request, QString *error);
     bool sendRequest(const QString &method, const QJsonObject &params, QString *error);
-    bool waitForAnswer(int timeoutMs, QString *error);
+    bool waitForAnswer(QString *error);
     bool checkHolder();
     bool greet(int helloTimeoutMs);
 
@@ -468,7 +486,8 @@ private:
     bool foreignHolder = false; // the last connect() met a holder that is not our application
     QString helloError; // the application's refusal of the last hello
     std::optional<HostProcess::Handle> holder; // whom checkHolder() found in order
-    std::optional<QJsonObject> answer; // to the request under way, once it came
+    QDeadlineTimer limit; // of the exchange under way
+    std::optional<QJsonObject> answer; // in it, once it came
 };
 
 Pipe g_pipe;
@@ -760,11 +779,17 @@ bool Pipe::takeInput(QString *error)
 }
 
 // Waits until more can be written, and takes in what the application says meanwhile, because it may
-// not read before it has said it. False, and why, at the deadline or when a line is refused.
+// not read before it has said it. False, and why, at the deadline, at the end of the exchange, or
+// when a line is refused.
 bool Pipe::waitToSend(QDeadlineTimer *deadline, QString *error)
 {
+    if (g_cancelled || limit.hasExpired()) {
+        *error = g_cancelled ? u"cancelled by the client"_s : u"Orrery did not answer in time"_s;
+        return false;
+    }
     pollfd peer { static_cast<int>(sock.socketDescriptor()), POLLIN | POLLOUT, 0 };
-    poll(&peer, 1, static_cast<int>(deadline->remainingTime()));
+    const qint64 slice = std::min<qint64>(deadline->remainingTime(), Limits::WaitSliceMs);
+    poll(&peer, 1, static_cast<int>(slice));
     if ((peer.revents & POLLIN) != 0) {
         const qint64 left = deadline->remainingTime();
         sock.waitForReadyRead(0);
@@ -826,12 +851,10 @@ bool Pipe::sendRequest(const QString &method, const QJsonObject &params, QString
 }
 
 // Until the response has come. False, and why, when it does not.
-bool Pipe::waitForAnswer(int timeoutMs, QString *error)
+bool Pipe::waitForAnswer(QString *error)
 {
-    QElapsedTimer timer;
-    timer.start();
     for (;;) {
-        if (timer.elapsed() >= timeoutMs) {
+        if (limit.hasExpired()) {
             *error = u"Orrery did not answer in time"_s;
             return false;
         }
@@ -860,11 +883,12 @@ bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *r
                 QString *error, int timeoutMs)
 {
     nextId = nextId == INT_MAX ? 1 : nextId + 1;
+    limit.setRemainingTime(std::max(timeoutMs, 0)); // a negative time would be without end
     answer.reset();
     QString reason;
     const bool sent = sendRequest(method, params, &reason);
     // An application may answer before it has read everything, and then read no more.
-    const bool answered = sent ? waitForAnswer(timeoutMs, &reason) : answer.has_value();
+    const bool answered = sent ? waitForAnswer(&reason) : answer.has_value();
     if (answered)
         *response = *std::exchange(answer, {});
     else
@@ -905,8 +929,6 @@ bool launchApp(QString *error)
         }
     }
     if (HostProcess::findApp() == 0) {
-        // A connection that still stands is held up by a process that is not the application.
-        g_pipe.drop();
         if (!startApp()) {
             *error = u"Couldn't start "_s + appExe();
             return false;

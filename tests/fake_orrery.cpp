@@ -12,8 +12,9 @@
 //   {"leak": S}                    another program inherits the connection, for S seconds
 //
 // Every line that it gets is appended to the file "received" beside it, a byte to "starts" at each
-// start. It prints "listening" once it serves, gives way to a living holder of the pipe, and ends
-// by itself after two minutes.
+// start. FAKE_DEAF=1 keeps it from accepting anybody, FAKE_SLOW=MS makes it pause before it reads.
+// It prints "listening" once it serves, gives way to a living holder of the pipe, and ends by
+// itself after two minutes.
 
 #include <QCoreApplication>
 #include <QDir>
@@ -118,6 +119,7 @@ bool serve(int fd, const QByteArray &line)
 // False at the end of the connection.
 bool receive(Client &client)
 {
+    QThread::msleep(static_cast<unsigned long>(qEnvironmentVariableIntValue("FAKE_SLOW")));
     char chunk[65536];
     const ssize_t count = recv(client.fd, chunk, sizeof chunk, 0);
     if (count <= 0)

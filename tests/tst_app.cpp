@@ -26,9 +26,11 @@ private Q_SLOTS:
                  R"({"alreadyRunning":true,"launched":false,"reason":"already running",)"
                  R"("running":true,"socketReady":true})");
         QCOMPARE(home.received().size(), 2); // hello and list_vms: launch_app said nothing
-        // What runs another file now is no longer ours, nor is the connection to it.
+        // Where its file is replaced while it runs, as by an upgrade, the connection to it stays.
         QVERIFY(home.shell("mv orrery away && cp away orrery"));
-        QVERIFY(!resultObject(server.call(u"launch_app"_s))["socketReady"_L1].toBool());
+        QVERIFY(resultObject(server.call(u"launch_app"_s))["socketReady"_L1].toBool());
+        QVERIFY(!isError(server.call(u"list_vms"_s)));
+        QCOMPARE(home.received().size(), 3);
     }
 
     void passesARefusedHelloOn_data()
@@ -219,6 +221,20 @@ private Q_SLOTS:
         QCOMPARE(isError(answer), limit > 0);
         if (limit > 0)
             QCOMPARE(resultText(answer), u"Orrery call failed: Orrery did not answer in time"_s);
+    }
+
+    void keepsTheLimitWhileItWrites()
+    {
+        HastyInstallation home;
+        home.environment.insert(u"FAKE_SLOW"_s, u"100"_s);
+        const Application app(home);
+        Server server(home);
+        QElapsedTimer timer;
+        timer.start();
+        QCOMPARE(resultText(server.call(u"get_vm"_s, { { u"x"_s, QString(6'000'000, u'x') } })),
+                 u"Orrery call failed: Orrery did not answer in time"_s);
+        QVERIFY(timer.elapsed() >= 5 * HastyInstallation::MinuteMs);
+        QVERIFY(timer.elapsed() < 7'000); // all of it would take longer
     }
 
     // All combinations of missing standard streams: no socket may land on one.

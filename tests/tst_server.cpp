@@ -244,6 +244,16 @@ private Q_SLOTS:
         QVERIFY(timer.elapsed() >= 5 * HastyInstallation::SecondMs);
         QVERIFY(timer.elapsed() < 3'500); // and not only when something is read again
         QTRY_VERIFY(!isError(server.call(u"get_vm"_s))); // once it reads again
+
+        // A cancellation counts also while the request is written.
+        const QByteArray begun = sendStep("{\"method\":\"begun\"}\n", R"(,{"wait":4000})");
+        QVERIFY(!isError(server.callSteps(
+                sendStep(Answer, R"(,{"wait":300},)" + begun.sliced(1).chopped(1)))));
+        server.send(toolCall(7, u"get_vm"_s, { { u"large"_s, QString(600'000, u'x') } }));
+        QCOMPARE(server.line(), eventLine(R"({"event":"begun"})"));
+        server.send(cancelled("7"));
+        QCOMPARE(resultText(parsed(server.line())),
+                 u"Orrery call failed: cancelled by the client"_s);
     }
 
     // An application that writes before it reads.

@@ -128,6 +128,7 @@ void tst_wire::tellsWhatALineCosts_data()
     QTest::newRow("objects") << QByteArray(R"(",{"a":1},")") << 60 << true;
     QTest::newRow("keys") << QByteArray(R"(","a":")") << 85 << true;
     QTest::newRow("arrays") << QByteArray(R"(",[[[1]]],")") << 30 << true;
+    QTest::newRow("empty ones") << QByteArray(R"(",[],{},[],[],")") << 60 << false;
     QTest::newRow("numbers") << QByteArray(R"(",1,1,1,1,1,1,1,")") << 100 << true;
 }
 
