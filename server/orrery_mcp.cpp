@@ -56,6 +56,7 @@
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -225,6 +226,7 @@ public:
         {
             const std::lock_guard lock(mutex);
             requests.push_back(std::move(request));
+            wasLong = wasLong || requests.size() >= Limits::LongQueue;
         }
         // Outside of the lock, which who is woken takes first.
         changed.notify_one();
@@ -249,12 +251,14 @@ public:
     }
 
     // Waits for the next request; nothing once input has ended and every request was taken. When
-    // none comes for a while, freed memory goes back to the system.
+    // none comes for a while, freed memory goes back to the system; at once after a long queue,
+    // whose memory nothing else would use.
     std::optional<Request> take()
     {
         std::unique_lock lock(mutex);
         const auto ready = [this] { return inputEnded || !requests.empty(); };
-        while (!changed.wait_for(lock, Limits::Quiet, ready)) {
+        while (!changed.wait_for(lock, wasLong ? 0ms : Limits::Quiet, ready)) {
+            wasLong = false;
             lock.unlock();
             g_freedMemory.giveBack();
             lock.lock();
@@ -268,10 +272,11 @@ public:
     }
 
 private:
-    std::mutex mutex; // guards requests and inputEnded
+    std::mutex mutex; // guards what follows
     std::condition_variable changed;
     std::deque<Request> requests;
     bool inputEnded = false;
+    bool wasLong = false; // since memory was last given back
 };
 
 // Cancels the call in flight if that is the one named. True when it was.

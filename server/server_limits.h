@@ -47,6 +47,7 @@ constexpr qsizetype MaxPipeLineBytes = 268'435'456;
 constexpr qsizetype PipeChunkBytes = 1'048'576; // read ahead at most
 constexpr qsizetype EventBatchBytes = 2'097'152; // of events that go out in one write
 
+constexpr size_t LongQueue = 4'096; // requests
 constexpr qsizetype LargeBytes = 262'144; // what is worth giving its memory back
 constexpr qsizetype MaxParsedBytes = 1'342'177'280; // what a line may cost once it is parsed
 constexpr qsizetype MaxMessageBytes = 536'870'912; // one message to the client or the application
