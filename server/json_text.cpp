@@ -23,11 +23,16 @@ namespace {
 constexpr qsizetype FirstBytes = 256;
 constexpr qsizetype IndentBytes = 4;
 constexpr qsizetype LargeStringBytes = 65'536;
+constexpr size_t KnownKeys = 64;
+constexpr size_t KeysPerLevel = 16; // so that an object and those in it seldom meet
+constexpr qsizetype MaxKnownKeyBytes = 256;
 
 } // namespace
 
 JsonText::JsonText(qsizetype expected) : share(expected)
 {
+    if (expected >= LargeStringBytes)
+        knownKeys.resize(KnownKeys);
     // With room to spare, so that what is large need not be moved at its end.
     resizeBuffer(std::min(FirstBytes + expected + expected / 8, Limits::MaxMessageBytes));
 }
@@ -175,6 +180,20 @@ template <JsonText::Style style> void JsonText::newLine(int level)
     size += 2 + blanks;
 }
 
+// Writes a key and its colon. The objects of an array mostly have the same keys, so that one which
+// is in the place where it was before is not made into text again.
+template <JsonText::Style style> void JsonText::memberKey(const QCborValue &name, size_t slot)
+{
+    KnownKey *const known = knownKeys.empty() ? nullptr : &knownKeys[slot % KnownKeys];
+    if (known != nullptr && known->style == style && known->name == name)
+        return put(known->text);
+    const qsizetype start = size;
+    quoted<style>(name.toString());
+    put(style == Style::Reader ? ": " : ":");
+    if (known != nullptr && !tooLong && size - start <= MaxKnownKeyBytes)
+        *known = { name, style, bytes().sliced(start).toByteArray() };
+}
+
 template <JsonText::Style style, typename Container>
 void JsonText::container(const Container &members, int level, QLatin1StringView except)
 {
@@ -182,11 +201,10 @@ void JsonText::container(const Container &members, int level, QLatin1StringView 
     const qsizetype whole = std::exchange(share, share / std::max<qsizetype>(members.size(), 1));
     put(IsMap ? '{' : '[');
     bool first = true;
+    size_t slot = static_cast<size_t>(level) * KeysPerLevel;
     for (auto member = members.constBegin(); member != members.constEnd() && !tooLong; ++member) {
-        QString name;
         if constexpr (IsMap) {
-            name = member.key().toString();
-            if (!except.isEmpty() && name == except)
+            if (!except.isEmpty() && member.key().toString() == except)
                 continue;
         }
         if (!first)
@@ -194,8 +212,7 @@ void JsonText::container(const Container &members, int level, QLatin1StringView 
         first = false;
         newLine<style>(level + 1);
         if constexpr (IsMap) {
-            quoted<style>(name);
-            put(style == Style::Reader ? ": " : ":");
+            memberKey<style>(member.key(), slot++);
             element<style>(member.value(), level + 1);
         } else {
             element<style>(*member, level + 1);

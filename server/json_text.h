@@ -5,13 +5,14 @@
 #pragma once
 
 #include <QByteArray>
+#include <QCborValue>
 #include <QLatin1StringView>
 #include <QStringView>
 
 #include <array>
 #include <cstring>
+#include <vector>
 
-class QCborValue;
 class QJsonObject;
 class QJsonValue;
 
@@ -87,6 +88,14 @@ public:
 private:
     enum class Style { Compact, Reader };
 
+    // A key as it was last written in its place.
+    struct KnownKey
+    {
+        QCborValue name;
+        Style style = Style::Compact;
+        QByteArray text;
+    };
+
     void resizeBuffer(qsizetype bytes);
     void makeRoom(qsizetype bytes);
 
@@ -138,6 +147,7 @@ private:
     template <Style style> void element(const QCborValue &value, int level);
     template <Style style, typename Container>
     void container(const Container &members, int level, QLatin1StringView except = {});
+    template <Style style> void memberKey(const QCborValue &name, size_t slot);
     template <Style style> void newLine(int level);
 
     QByteArray buffer;
@@ -148,5 +158,6 @@ private:
     qsizetype borrowedAt = 0; // so many bytes are written before it
     bool afterValue = false; // so that the next one needs a comma
     bool tooLong = false;
+    std::vector<KnownKey> knownKeys; // empty unless much is expected
     qsizetype share; // of what was expected, for each element of the container being written
 };

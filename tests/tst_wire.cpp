@@ -47,6 +47,7 @@ void tst_wire::writesWhatQtWrites_data()
         0.000001,1e-7,123456789.125])");
     row("empty ones", R"({"":{},"a":[],"b":"","c":[{},[[]]]})");
     row("keys", R"({"\"":1,"\n":2,"é":3,"\ud800":4,"b":{"a\\":null},"zz":true,"z":false})");
+    row("rows", R"([{"a":1,"b":{"a":2}},{"a":3,"c":{"a":4}},{"é":5,"c":{"b":6}},{"é":7,"é\n":8}])");
     row("1,000 levels", QByteArray(1000, '[') + '1' + QByteArray(1000, ']'));
     row("escaped throughout", "[\"" + QByteArray("\\u0001").repeated(5000) + "\"]");
     row("long strings", "[\"" + QByteArray("0123456789\\n\U0001f600").repeated(4000) + "\",\""
