@@ -293,14 +293,14 @@ bool cancelInFlight(const QJsonObject &notification)
     return true;
 }
 
-// Whether an answer, in which the id comes back, has room for it. It may be as long as its line.
-bool isAnswerable(const QJsonValue &id, qsizetype lineBytes)
+// Whether an answer to a message that came in so many bytes has room for its id, which comes back.
+bool isAnswerable(const QJsonObject &message, qsizetype lineBytes)
 {
     constexpr qsizetype Longest = Limits::MaxMessageBytes - AnswerBytes;
     if (lineBytes <= Longest / MaxEscapedBytes)
         return true;
     JsonText text;
-    text.value(id);
+    text.value(message.value("id"_L1));
     return !text.isTooLong() && text.bytes().size() <= Longest;
 }
 
@@ -318,12 +318,12 @@ void receiveLine(QByteArrayView line, RequestQueue &queue)
         replyError(QJsonValue::Null, ParseError, u"Parse error"_s);
         return;
     }
-    const QString method = message->value("method"_L1).toString();
-    const auto id = message->constFind("id"_L1);
-    if (id != message->constEnd() && !isAnswerable(*id, line.size())) {
+    if (!isAnswerable(*message, line.size())) {
         replyError(QJsonValue::Null, InvalidRequest, u"Invalid Request: the id is too long"_s);
         return;
     }
+    const QString method = message->value("method"_L1).toString();
+    const auto id = message->constFind("id"_L1);
     if (method == "ping"_L1 && id != message->constEnd()) {
         reply(*id, {});
         return;
