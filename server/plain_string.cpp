@@ -1,6 +1,5 @@
 #include "plain_string.h"
 
-#include "json_escape.h"
 #include "vector_blocks.h"
 
 #include <QCborStreamWriter>
@@ -60,8 +59,7 @@ Octets larger(Octets a, Octets b) { return a > b ? a : b; }
 
 bool isPlain(QByteArrayView text)
 {
-    // How far off the characters are, at worst: distances take half the instructions of
-    // comparisons.
+    // How far off the characters are, at worst: that takes fewer instructions than to compare each.
     Octets fromBlank {}; // 0x5f at most within ASCII, wrapped around below
     Octets toSpecial = ~Octets {}; // 0 on one of three
     qsizetype at = 0;
