@@ -23,6 +23,7 @@ namespace {
 constexpr qsizetype FirstBytes = 256;
 constexpr qsizetype IndentBytes = 4;
 constexpr qsizetype LargeStringBytes = 65'536;
+constexpr qsizetype ManyKeysBytes = 4'096; // of text in which keys are probably repeated
 constexpr size_t KnownKeys = 64;
 constexpr size_t KeysPerLevel = 16; // so that an object and those in it seldom meet
 constexpr qsizetype MaxKnownKeyBytes = 256;
@@ -31,7 +32,7 @@ constexpr qsizetype MaxKnownKeyBytes = 256;
 
 JsonText::JsonText(qsizetype expected) : share(expected)
 {
-    if (expected >= LargeStringBytes)
+    if (expected >= ManyKeysBytes)
         knownKeys.resize(KnownKeys);
     // With room to spare, so that what is large need not be moved at its end.
     resizeBuffer(std::min(FirstBytes + expected + expected / 8, Limits::MaxMessageBytes));

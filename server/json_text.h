@@ -158,6 +158,6 @@ private:
     qsizetype borrowedAt = 0; // so many bytes are written before it
     bool afterValue = false; // so that the next one needs a comma
     bool tooLong = false;
-    std::vector<KnownKey> knownKeys; // empty unless much is expected
+    std::vector<KnownKey> knownKeys; // none where little is expected
     qsizetype share; // of what was expected, for each element of the container being written
 };
