@@ -104,22 +104,30 @@ qint64 readInput(char *data, qsizetype size)
     }
 }
 
+// write(2) of pieces that stand apart. Most messages are in one piece, for which it is quicker.
+ssize_t writeSome(const QByteArrayView *piece, const QByteArrayView *end)
+{
+    if (end - piece == 1)
+        return write(STDOUT_FILENO, piece->data(), static_cast<size_t>(piece->size()));
+    std::array<iovec, 3> vectors {};
+    const auto vectorsEnd = std::transform(piece, end, vectors.begin(), [](QByteArrayView bytes) {
+        return iovec { const_cast<char *>(bytes.data()), static_cast<size_t>(bytes.size()) };
+    });
+    return writev(STDOUT_FILENO, vectors.data(), static_cast<int>(vectorsEnd - vectors.begin()));
+}
+
 // Writes all pieces, also to a slow reader or in non-blocking mode. What cannot be written at all
 // is dropped: the client is gone, and what it asked for is still carried out.
 void writeOutput(std::array<QByteArrayView, 3> pieces)
 {
-    for (auto piece = pieces.begin(); piece != pieces.end();) {
-        std::array<iovec, pieces.size()> left {};
-        const auto end
-                = std::transform(piece, pieces.end(), left.begin(), [](QByteArrayView bytes) {
-                      return iovec { const_cast<char *>(bytes.data()),
-                                     static_cast<size_t>(bytes.size()) };
-                  });
-        ssize_t count = writev(STDOUT_FILENO, left.data(), static_cast<int>(end - left.begin()));
+    auto *piece = pieces.data();
+    const auto *const end = std::remove(piece, piece + pieces.size(), QByteArrayView());
+    while (piece != end) {
+        ssize_t count = writeSome(piece, end);
         if (count >= 0) {
-            for (; piece != pieces.end() && piece->size() <= count; ++piece)
+            for (; piece != end && piece->size() <= count; ++piece)
                 count -= piece->size();
-            if (piece != pieces.end())
+            if (piece != end)
                 *piece = piece->sliced(count);
         } else if (errno == EAGAIN) {
             waitReady(STDOUT_FILENO, POLLOUT);
