@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 
+#include <sys/uio.h>
 #include <unistd.h>
 
 inline QByteArray &output()
@@ -19,11 +20,19 @@ inline ssize_t writeToOutput(int, const void *data, size_t size)
     return static_cast<ssize_t>(size);
 }
 
-#define write writeToOutput // NOLINT: the one call by which the server writes
+// Takes a part only, as a full pipe does.
+inline ssize_t writeSomeToOutput(int, const iovec *vectors, int)
+{
+    return writeToOutput(0, vectors->iov_base, (vectors->iov_len + 1) / 2);
+}
+
+#define write writeToOutput // NOLINT: with the next, the calls by which the server writes
+#define writev writeSomeToOutput // NOLINT
 #define main serverMain // NOLINT: the fuzzer brings the entry point
 #include "../server/orrery_mcp.cpp"
 #undef main
 #undef write
+#undef writev
 
 // The lines that the server has written since the last time; ends the program unless each looks
 // like a whole object. That they are JSON is what fuzz_json is for.
