@@ -1179,6 +1179,10 @@ int main(int argc, char *argv[])
 {
     if (!secureProcess())
         return 1;
+    if (getuid() != geteuid()) { // for which Qt would abort
+        std::fputs("orrery-mcp: does not run with the rights of another user\n", stderr);
+        return 1;
+    }
     keepFreedMemory();
     // Standard error is for this program's own diagnostics.
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});

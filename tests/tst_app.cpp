@@ -265,6 +265,16 @@ private Q_SLOTS:
             QVERIFY(request.contains("method"_L1));
     }
 
+    void doesNotRunWithTheRightsOfAnother()
+    {
+        if (getuid() != 0)
+            QSKIP("only root can take another user id");
+        const Installation home;
+        Server server(home, [] { setresuid(65534, 0, 0); });
+        QCOMPARE(server.finish(), 1);
+        QVERIFY(server.process.readAllStandardError().contains("rights of another user"));
+    }
+
     void runsWithStandardStreamsThatDoNotBlock()
     {
         constexpr int Pings = 50;
