@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         buffer.added(piece.size());
         receiveLines(buffer, queue);
     }
-    receiveLine(buffer.rest(), queue);
+    receiveAndRelease(buffer.rest(), buffer, queue);
     queue.endInput();
     while (const std::optional<Request> request = queue.take())
         handle(request->message);

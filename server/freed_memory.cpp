@@ -3,6 +3,7 @@
 #include "server_limits.h"
 
 #include <cstdlib>
+#include <mutex>
 
 #include <malloc.h>
 #include <sys/mman.h>
@@ -16,7 +17,8 @@ constexpr int MapFromBytes = 33 << 20;
 constexpr int KeptBytes = 1 << 30;
 constexpr int PromptKeptBytes = 128 << 10; // malloc's own default
 
-std::atomic<int> promptReleases = 0; // that exist: the threshold is one for all threads
+std::mutex g_threshold; // which is one for all threads
+int g_promptReleases = 0; // that exist
 
 } // namespace
 
@@ -38,7 +40,10 @@ void adviseHugePages(void *data, qsizetype bytes)
 
 PromptRelease::PromptRelease(bool isWanted) : wanted(isWanted)
 {
-    if (wanted && promptReleases++ == 0)
+    if (!wanted)
+        return;
+    const std::lock_guard lock(g_threshold);
+    if (g_promptReleases++ == 0)
         mallopt(M_TRIM_THRESHOLD, PromptKeptBytes);
 }
 
@@ -49,7 +54,8 @@ PromptRelease::~PromptRelease()
     // What is small was only put aside; a large block makes malloc join it and give it back.
     void *volatile const large = std::malloc(PromptKeptBytes);
     std::free(large);
-    if (--promptReleases == 0)
+    const std::lock_guard lock(g_threshold);
+    if (--g_promptReleases == 0)
         mallopt(M_TRIM_THRESHOLD, KeptBytes);
 }
 

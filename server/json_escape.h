@@ -8,19 +8,14 @@
 
 #include <array>
 #include <cstring>
-#include <type_traits>
 
 // What a UTF-16 unit becomes at most: \\u001f, in a text within a string.
 constexpr qsizetype MaxEscapedBytes = 7;
 
-// Which elements are no ASCII, or are escaped in a JSON string. A byte beyond 0x7f is negative.
-template <typename Block> Block special(Block block)
+// Which units are no ASCII, or are escaped in a JSON string.
+inline Units special(Units block)
 {
-    const Block common = (block < 0x20) | (block == '"') | (block == '\\');
-    if constexpr (std::is_same_v<Block, Bytes>)
-        return common;
-    else
-        return common | (block > 0x7f);
+    return (block < 0x20) | (block == '"') | (block == '\\') | (block > 0x7f);
 }
 
 // How a string writes what is below 0x80: as itself (0), with a letter behind the backslash, or by

@@ -33,11 +33,14 @@ bool hasByteOrderMark(QByteArrayView line)
     }
 }
 
+// Of the text that has an escape sequence for each mark.
+qsizetype copyBytes(QByteArrayView line) { return line.size() + line.size() / 2; }
+
 // The same text with an escape sequence instead, which stays.
 QByteArray withoutByteOrderMarks(QByteArrayView line)
 {
     QByteArray text;
-    text.reserve(line.size() + line.size() / 2);
+    text.reserve(copyBytes(line));
     for (qsizetype at = 0; at < line.size();) {
         const qsizetype mark = line.indexOf(ByteOrderMark, at);
         const qsizetype end = mark < 0 ? line.size() : mark;
@@ -98,7 +101,7 @@ bool isTooCostly(QByteArrayView line)
 {
     if (line.size() <= Limits::MaxParsedBytes / MaxCostPerByte)
         return false;
-    qsizetype cost = 0;
+    qsizetype cost = hasByteOrderMark(line) ? copyBytes(line) : 0;
     for (qsizetype at = 0; at < line.size() && cost <= Limits::MaxParsedBytes;) {
         switch (line[at++]) {
         case '[':

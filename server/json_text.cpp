@@ -142,7 +142,7 @@ template <JsonText::Style style> void JsonText::quoted(QStringView text)
 // Writes bytes that stand for themselves. False, with some of them written, when not all do.
 bool JsonText::putIfPlain(QByteArrayView text)
 {
-    constexpr qsizetype PieceBytes = 2'048; // of which the second look is cheap
+    constexpr qsizetype PieceBytes = 2'048; // still in the cache when they are copied
     while (!text.isEmpty()) {
         const QByteArrayView piece = text.first(std::min(PieceBytes, text.size()));
         if (!isPlain(piece))

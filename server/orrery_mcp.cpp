@@ -7,12 +7,11 @@
 //
 // Two threads: the stdin reader, so that pings and cancellations are served while a call blocks,
 // and the main thread, which does everything else. They share the request queue, standard output
-// (g_out), the cancellation pair (g_inFlight, g_cancelled; g_call) and the note that large memory
-// was freed (g_freedMemory), and nothing else.
+// (g_out), the cancellation pair (g_inFlight, g_cancelled; g_call) and what concerns freed memory
+// (g_freedMemory, PromptRelease), and nothing else.
 
 #include "freed_memory.h"
 #include "host_process.h"
-#include "json_escape.h"
 #include "json_input.h"
 #include "json_text.h"
 #include "line_buffer.h"
@@ -233,10 +232,11 @@ public:
     {
         {
             const std::lock_guard lock(mutex);
+            bytes += request.size;
             requests.push_back(std::move(request));
             wasLong = wasLong || requests.size() >= Limits::LongQueue;
         }
-        // Outside of the lock, which who is woken takes first.
+        // Outside of the lock: whoever wakes takes it first.
         changed.notify_one();
     }
 
@@ -274,8 +274,10 @@ public:
         }
         if (requests.empty())
             return {};
+        g_freedMemory.used(bytes); // many small requests are as much as a large one
         Request request = std::move(requests.front());
         requests.pop_front();
+        bytes -= request.size;
         return request;
     }
 
@@ -283,15 +285,16 @@ private:
     std::mutex mutex; // guards what follows
     std::condition_variable changed;
     std::deque<Request> requests;
+    qsizetype bytes = 0; // that the requests came in
     bool inputEnded = false;
-    bool wasLong = false; // since memory was last given back
+    bool wasLong = false; // since take() last gave memory back
 };
 
 // Cancels the call in flight if that is the one named. True when it was.
 bool cancelInFlight(const QJsonObject &notification)
 {
-    // A string id reads as -2; while no call is in flight there is nothing to cancel.
-    const qint64 requestId = notification["params"_L1].toObject()["requestId"_L1].toInteger(-2);
+    // A string reads as none; while no call is in flight there is nothing to cancel.
+    const qint64 requestId = notification["params"_L1].toObject()["requestId"_L1].toInteger(NoCall);
     // The comparison and the store are one step to whoever registers a call or ends it: between the
     // two, another call could come to be in flight, and would be cancelled instead.
     const std::lock_guard lock(g_call);
@@ -305,7 +308,8 @@ bool cancelInFlight(const QJsonObject &notification)
 bool isAnswerable(const QJsonObject &message, qsizetype lineBytes)
 {
     constexpr qsizetype Longest = Limits::MaxMessageBytes - AnswerBytes;
-    if (lineBytes <= Longest / MaxEscapedBytes)
+    constexpr qsizetype MostForAByte = 6; // a control character becomes \u0001
+    if (lineBytes <= Longest / MostForAByte)
         return true;
     JsonText text;
     text.value(message.value("id"_L1));
@@ -342,7 +346,7 @@ void receiveLine(QByteArrayView line, RequestQueue &queue)
 }
 
 // Receives a line, and sees to it that what was large is given back, if not by this thread.
-void receiveAnyLine(QByteArrayView line, LineBuffer &input, RequestQueue &queue)
+void receiveAndRelease(QByteArrayView line, LineBuffer &input, RequestQueue &queue)
 {
     const qsizetype size = line.size();
     const PromptRelease prompt(size >= Limits::LargeBytes);
@@ -358,7 +362,7 @@ void receiveAnyLine(QByteArrayView line, LineBuffer &input, RequestQueue &queue)
 void receiveLines(LineBuffer &input, RequestQueue &queue)
 {
     while (const std::optional<QByteArrayView> line = input.takeLine())
-        receiveAnyLine(*line, input, queue);
+        receiveAndRelease(*line, input, queue);
 }
 
 // The stdin reader thread: runs until standard input ends.
@@ -374,7 +378,7 @@ void readStdin(RequestQueue &queue)
         receiveLines(input, queue);
     }
     // A last line may lack its line feed.
-    receiveAnyLine(input.rest(), input, queue);
+    receiveAndRelease(input.rest(), input, queue);
     queue.endInput();
 }
 
@@ -545,12 +549,14 @@ void setInFlight(qint64 id)
 void relayTool(const QJsonValue &id, const QString &tool, const QJsonObject &arguments)
 {
     QString error;
+    const qsizetype requestBytes = g_messageBytes;
     if (!g_pipe.isConnected() && !launchApp(&error)) {
         const bool refused = error.startsWith("Orrery error ["_L1);
         replyToolText(id, refused ? error : u"Orrery call failed: "_s + error, true);
         return;
     }
 
+    g_messageBytes = requestBytes; // and no longer those of the greeting
     setInFlight(id.toInteger(NoCall));
     QJsonObject response;
     const bool answered = g_pipe.call(tool, arguments, &response, &error, callLimitMs(tool));
@@ -1022,7 +1028,8 @@ bool replyImageWith(const QJsonValue &id, const QJsonObject &object, qsizetype e
     });
 }
 
-// The same, with the picture from where it lies if it can stand in the message as it is.
+// The same, with the picture from where it lies if it can stand in the message as it is. False,
+// with nothing written, when the message would be too long.
 bool replyImage(const QJsonValue &id, const QJsonObject &object, const QCborValue &image)
 {
     bool written = false;
@@ -1204,7 +1211,6 @@ int main(int argc, char *argv[])
     std::thread reader(readStdin, std::ref(queue));
     while (std::optional<Request> request = queue.take()) {
         g_messageBytes = request->size;
-        g_freedMemory.used(request->size);
         handle(request->message);
         {
             const PromptRelease prompt(request->size >= Limits::LargeBytes);

@@ -59,7 +59,8 @@ Octets larger(Octets a, Octets b) { return a > b ? a : b; }
 
 bool isPlain(QByteArrayView text)
 {
-    // How far off the characters are, at worst: that takes fewer instructions than to compare each.
+    // The largest distance above a blank, and the smallest to what is not plain, over all blocks:
+    // that takes fewer instructions than to compare each.
     Octets fromBlank {}; // 0x5f at most within ASCII, wrapped around below
     Octets toSpecial = ~Octets {}; // 0 on one of three
     qsizetype at = 0;
@@ -69,7 +70,7 @@ bool isPlain(QByteArrayView text)
         toSpecial = smaller(smaller(toSpecial, block ^ '"'), smaller(block ^ '\\', block ^ '?'));
     }
     bool isBad = any((fromBlank > 0x5f) | (toSpecial == 0));
-    for (const char c : text.sliced(at))
+    for (const signed char c : text.sliced(at)) // beyond ASCII it is negative
         isBad = isBad || c < ' ' || c == '"' || c == '\\' || c == '?';
     return !isBad;
 }

@@ -286,7 +286,9 @@ private Q_SLOTS:
         });
         QVERIFY(!isError(server.call(u"list_vms"_s))); // after an input that was empty for a while
         const QString large(3'000'000, u'x');
-        server.send(toolCall(1, u"get_vm"_s, { { u"large"_s, large } }));
+        home.script(u"get_vm"_s, sendStep("{\"id\":$id,\"result\":{\"imageBase64\":\""
+                                          + large.toLatin1() + "\",\"width\":7}}\n"));
+        server.send(toolCall(1, u"get_vm"_s));
         while (server.process.bytesToWrite() > 0)
             QVERIFY(server.process.waitForBytesWritten());
         QTest::qSleep(500); // the answer fills the pipe, which qWait() would empty
@@ -295,7 +297,9 @@ private Q_SLOTS:
         QCOMPARE(server.finish(), 0);
         QList<QByteArray> lines = server.process.readAllStandardOutput().split('\n');
         QCOMPARE(lines.removeAll(R"({"id":"ping","jsonrpc":"2.0","result":{}})"), Pings);
-        QCOMPARE(resultObject(parsed(lines.value(0)))["params"_L1]["large"_L1], QJsonValue(large));
+        const QJsonValue content = parsed(lines.value(0))["result"_L1]["content"_L1];
+        QCOMPARE(content[0]["data"_L1], QJsonValue(large));
+        QCOMPARE(content[1]["text"_L1], QJsonValue(u"{\n    \"width\": 7\n}"_s));
     }
 
     void goesOnWithoutAReader_data()

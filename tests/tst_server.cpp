@@ -367,6 +367,15 @@ private Q_SLOTS:
             row("garbage", '[' + objects);
             row("a ping", R"({"id":1,"method":"ping","params":)" + argument + '}');
             row("an answer with an event behind it", steps);
+            // Notifications, which are not answered.
+            row("a queue",
+                toolCall(1, u"get_vm"_s,
+                         withSteps(sendStep("", R"(,{"wait":1000},)"
+                                                        + sendStep(Answer).sliced(1).chopped(1))))
+                        + '\n'
+                        + ("{\"method\":\"x\",\"params\":[" + objects.first(10 * 200) + "1]}\n")
+                                  .repeated(1'500)
+                                  .chopped(1));
             row("a request with the start of the next behind it",
                 call + argument + "}\n{\"id\":2,\"method\":");
         }
@@ -474,6 +483,7 @@ private Q_SLOTS:
         row("as a string", 5, "\"5\"", false);
         row("as a string, id 0", 0, "\"0\"", false);
         row("string id", u"5"_s, "\"5\"", false);
+        row("id -2", -2, "\"x\"", false);
         row("string id, as -1", u"5"_s, "-1", false);
         row("id -1", -1, "-1", false);
     }

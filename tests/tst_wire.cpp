@@ -18,6 +18,7 @@ class tst_wire : public QObject
 private Q_SLOTS:
     void writesWhatQtWrites_data();
     void writesWhatQtWrites();
+    void writesKeysThatItKnows();
     void borrowsWhatIsPlain();
     void keepsByteOrderMarks();
     void tellsWhatALineCosts_data();
@@ -71,6 +72,22 @@ void tst_wire::writesWhatQtWrites()
             QCOMPARE(single.bytes().toByteArray(), compactJson(value));
         }
     }
+}
+
+void tst_wire::writesKeysThatItKnows()
+{
+    QJsonObject object { { u"deep"_s, QJsonObject { { u"a"_s, 1 }, { u"b"_s, 2 } } } };
+    for (int i = 0; i < 100; ++i)
+        object.insert(u"%1\n"_s.arg(i), i);
+    const JsonTexts reference = referenceTexts(QJsonDocument(object));
+    JsonText text(Much);
+    text.value(object);
+    text.readerText(object);
+    text.readerText(object);
+    text.value(object);
+    QCOMPARE(text.bytes().toByteArray(), QByteArrayList({ reference.compact, reference.reader,
+                                                          reference.reader, reference.compact })
+                                                 .join(','));
 }
 
 void tst_wire::borrowsWhatIsPlain()
