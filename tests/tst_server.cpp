@@ -247,8 +247,7 @@ private Q_SLOTS:
 
         // A cancellation counts also while the request is written.
         const QByteArray begun = sendStep("{\"method\":\"begun\"}\n", R"(,{"wait":4000})");
-        QVERIFY(!isError(server.callSteps(
-                sendStep(Answer, R"(,{"wait":300},)" + begun.sliced(1).chopped(1)))));
+        QVERIFY(!isError(server.callSteps(sendStep(Answer, ',' + begun.sliced(1).chopped(1)))));
         server.send(toolCall(7, u"get_vm"_s, { { u"large"_s, QString(600'000, u'x') } }));
         QCOMPARE(server.line(), eventLine(R"({"event":"begun"})"));
         server.send(cancelled("7"));
