@@ -809,13 +809,12 @@ bool Pipe::waitToSend(QDeadlineTimer *deadline, QString *error)
     pollfd peer { static_cast<int>(sock.socketDescriptor()), POLLIN | POLLOUT, 0 };
     const qint64 slice = std::min<qint64>(deadline->remainingTime(), Limits::WaitSliceMs);
     poll(&peer, 1, static_cast<int>(slice));
-    if ((peer.revents & POLLIN) != 0) {
-        const qint64 left = deadline->remainingTime();
+    if ((peer.revents & POLLIN) != 0)
         sock.waitForReadyRead(0);
-        if (!takeInput(error))
-            return false;
-        deadline->setRemainingTime(left); // the client may have been slow to take events
-    }
+    const qint64 left = deadline->remainingTime();
+    if (!takeInput(error)) // also what came with the last answer
+        return false;
+    deadline->setRemainingTime(left); // the client may have been slow to take events
     return !deadline->hasExpired();
 }
 
