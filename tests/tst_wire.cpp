@@ -139,6 +139,7 @@ void tst_wire::tellsWhatALineCosts_data()
     QTest::addColumn<int>("megabytes");
     QTest::addColumn<bool>("tooCostly");
     QTest::newRow("a picture") << QByteArray("QUJDRA") << 200 << false;
+    QTest::newRow("a mark before it") << QByteArray("\ufeffQUJDRA") << 240 << true; // is copied
     QTest::newRow("a log") << QByteArray("[1] {\\\"a\\\":1}, at 10:00:00.\\n") << 200 << false;
     QTest::newRow("rows") << QByteArray(R"(",{"id":"/vms/a.vm","name":"a","cpu":4},")") << 50
                           << false;
