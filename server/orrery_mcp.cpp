@@ -293,7 +293,7 @@ private:
 // Cancels the call in flight if that is the one named. True when it was.
 bool cancelInFlight(const QJsonObject &notification)
 {
-    // A string reads as none; while no call is in flight there is nothing to cancel.
+    // What is no integer names no call; while none is in flight there is nothing to cancel.
     const qint64 requestId = notification["params"_L1].toObject()["requestId"_L1].toInteger(NoCall);
     // The comparison and the store are one step to whoever registers a call or ends it: between the
     // two, another call could come to be in flight, and would be cancelled instead.
@@ -785,8 +785,8 @@ bool takeResponse(LineBuffer &input, int requestId, std::optional<QJsonObject> *
     return true;
 }
 
-// Takes in what the socket has read, and works through it. Bytes may have come in during any wait,
-// also one for writing, and waitForReadyRead() does not count those.
+// Takes in what the socket has read, and works through it. Bytes may also have come in while events
+// were processed between two calls, and waitForReadyRead() does not count those.
 bool Pipe::takeInput(QString *error)
 {
     if (const qint64 available = sock.bytesAvailable(); available > 0) {

@@ -121,8 +121,10 @@ public:
         for (const qint64 pid : applications()) {
             pollfd end { int(syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0)), POLLIN, 0 };
             kill(static_cast<pid_t>(pid), SIGKILL);
-            if (end.fd >= 0 && poll(&end, 1, PatienceMs) >= 0)
-                close(end.fd);
+            if (end.fd < 0)
+                continue; // it was gone already
+            poll(&end, 1, PatienceMs);
+            close(end.fd);
         }
         sockaddr_un address {};
         address.sun_family = AF_UNIX;
