@@ -18,6 +18,10 @@ namespace OrreryControl {
 // a name without a slash in the temporary directory (TMPDIR, else /tmp).
 [[nodiscard]] QString pipeName();
 
+// Connects the socket to the pipe, whoever holds it, within about limitMs milliseconds. False when
+// nothing listens there, and, only then with a wait, while the listener takes no connections.
+bool reachPipe(QLocalSocket &socket, int limitMs);
+
 // The process that holds the server end of a connected client's pipe, as the kernel recorded it
 // (SO_PEERCRED, unix(7)). 0 when the socket is not connected or the holder is another user's.
 [[nodiscard]] unsigned long peerServerPid(const QLocalSocket &socket);

@@ -1,6 +1,8 @@
 #include "orrery_control.h"
 
+#include <QDeadlineTimer>
 #include <QLocalSocket>
+#include <QThread>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,6 +10,8 @@
 using namespace Qt::StringLiterals;
 
 namespace {
+
+constexpr unsigned long BacklogPauseMs = 10;
 
 // The process at the other end of the pipe; whichever end asks, the question is the same.
 unsigned long peerPid(const QLocalSocket &socket)
@@ -27,6 +31,23 @@ unsigned long peerPid(const QLocalSocket &socket)
 namespace OrreryControl {
 
 QString pipeName() { return u"orrery-control-"_s + QString::number(getuid()); }
+
+// A local connect succeeds or fails at once; only a listener with a full backlog leaves it
+// connecting. waitForConnected() would poll that one without a pause, so it is tried again.
+bool reachPipe(QLocalSocket &socket, int limitMs)
+{
+    const QDeadlineTimer deadline(limitMs);
+    for (;;) {
+        socket.connectToServer(pipeName(), QIODevice::ReadWrite);
+        if (socket.state() == QLocalSocket::ConnectedState)
+            return true;
+        const bool backlogFull = socket.state() == QLocalSocket::ConnectingState;
+        socket.abort();
+        if (!backlogFull || deadline.hasExpired())
+            return false;
+        QThread::msleep(BacklogPauseMs);
+    }
+}
 
 unsigned long peerServerPid(const QLocalSocket &socket) { return peerPid(socket); }
 

@@ -48,7 +48,7 @@ void checkServer(Report &report)
 void checkApplicationFile(Report &report)
 {
     const QString name = u"application"_s;
-    const QString path = OrreryControl::siblingPath(OrreryControl::exeName(u"orrery"_s));
+    const QString path = HostProcess::appExe();
     if (!isStartable(report, name, path))
         return;
     // A running script is its interpreter's process, and so never found nor trusted.

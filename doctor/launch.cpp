@@ -68,7 +68,7 @@ QString startDirectly(int limitMs, QStringList *words)
     app.setStandardInputFile(QProcess::nullDevice());
     app.setStandardOutputFile(QProcess::nullDevice());
     app.setReadChannel(QProcess::StandardError);
-    app.start(image.isEmpty() ? OrreryControl::siblingPath(u"orrery"_s) : image, {});
+    app.start(image.isEmpty() ? HostProcess::appExe() : image, {});
     QByteArray output;
     const QDeadlineTimer deadline(limitMs);
     do {

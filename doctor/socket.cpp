@@ -55,7 +55,7 @@ void reportStranger(Report &report, const QLocalSocket &socket)
 void reportUntrusted(Report &report, unsigned long pid)
 {
     const QString image = OrreryControl::processImagePath(pid);
-    const QString application = OrreryControl::siblingPath(OrreryControl::exeName(u"orrery"_s));
+    const QString application = HostProcess::appExe();
     const QString who = u"The socket is held by process "_s + QString::number(pid);
     if (image.isEmpty())
         report.fault(u"holder"_s, who + u", and what it runs cannot be read: not trusted."_s,

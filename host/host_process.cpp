@@ -22,7 +22,7 @@ namespace {
 // process can mean comparing files.
 QList<unsigned long> search(qsizetype limit)
 {
-    const QString app = OrreryControl::siblingPath(u"orrery"_s);
+    const QString app = HostProcess::appExe();
     const QString appPath = app.isEmpty() ? QString() : QFileInfo(app).canonicalFilePath();
     if (appPath.isEmpty())
         return {};
@@ -52,6 +52,8 @@ QList<unsigned long> search(qsizetype limit)
 } // namespace
 
 namespace HostProcess {
+
+QString appExe() { return OrreryControl::siblingPath(OrreryControl::exeName(u"orrery"_s)); }
 
 unsigned long findApp() { return search(1).value(0); }
 

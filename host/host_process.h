@@ -8,6 +8,10 @@
 
 namespace HostProcess {
 
+// The path of the application's file, "orrery" next to this program; it need not exist. Empty when
+// this program's own place is unknown.
+[[nodiscard]] QString appExe();
+
 // The id of a running process of this user that executes the application's file next to this
 // program (proc(5)); 0 when there is none. Where several run, the first that /proc lists.
 [[nodiscard]] unsigned long findApp();

@@ -606,29 +606,11 @@ QString clientName()
     return g_clientInfoName.isEmpty() ? u"MCP client"_s : g_clientInfoName;
 }
 
-// Connects the socket to the control pipe, whoever holds it. A local connect succeeds or fails at
-// once; only a listener with a full backlog leaves it connecting. waitForConnected() would poll
-// that one without a pause, so it is tried again until limitMs have passed.
-bool reachPipe(QLocalSocket &socket, int limitMs)
-{
-    const QDeadlineTimer deadline(limitMs);
-    for (;;) {
-        socket.connectToServer(OrreryControl::pipeName(), QIODevice::ReadWrite);
-        if (socket.state() == QLocalSocket::ConnectedState)
-            return true;
-        const bool backlogFull = socket.state() == QLocalSocket::ConnectingState;
-        socket.abort();
-        if (!backlogFull || deadline.hasExpired())
-            return false;
-        QThread::msleep(Limits::BacklogPauseMs);
-    }
-}
-
 // Whether something listens on the control pipe, for reports only. Says nothing and trusts nobody.
 bool pipeReachable()
 {
     QLocalSocket probe;
-    const bool reached = reachPipe(probe, Limits::ProbeMs);
+    const bool reached = OrreryControl::reachPipe(probe, Limits::ProbeMs);
     probe.abort();
     return reached;
 }
@@ -665,7 +647,7 @@ bool Pipe::connect(int waitMs, int helloTimeoutMs)
     for (;;) {
         if (timer.elapsed() >= waitMs)
             return false;
-        if (reachPipe(sock, Limits::ConnectAttemptMs))
+        if (OrreryControl::reachPipe(sock, Limits::ConnectAttemptMs))
             break;
         QThread::msleep(Limits::ConnectPauseMs);
     }
@@ -919,14 +901,12 @@ bool Pipe::call(const QString &method, const QJsonObject &params, QJsonObject *r
 
 // Launching the application
 
-QString appExe() { return OrreryControl::siblingPath(OrreryControl::exeName(u"orrery"_s)); }
-
 // Starts the application on its own: nothing of it is tracked, and it outlives this program.
 bool startApp()
 {
     const QString appImage = OrreryControl::ownAppImage();
     QProcess app;
-    app.setProgram(appImage.isEmpty() ? appExe() : appImage);
+    app.setProgram(appImage.isEmpty() ? HostProcess::appExe() : appImage);
     app.setStandardInputFile(QProcess::nullDevice());
     app.setStandardOutputFile(QProcess::nullDevice());
     app.setStandardErrorFile(QProcess::nullDevice());
@@ -948,7 +928,7 @@ bool launchApp(QString *error)
     }
     if (HostProcess::findApp() == 0) {
         if (!startApp()) {
-            *error = u"Couldn't start "_s + appExe();
+            *error = u"Couldn't start "_s + HostProcess::appExe();
             return false;
         }
     }
@@ -1077,8 +1057,10 @@ void appStatus(const QJsonValue &id)
     if (running) {
         status["pid"_L1] = static_cast<qint64>(pid);
         status["socketReachable"_L1] = pipeReachable();
-        status["version"_L1] = textOrNull(HostProcess::exeVersion(appExe(), u"ProductVersion"_s));
-        status["build"_L1] = textOrNull(HostProcess::exeVersion(appExe(), u"FileVersion"_s));
+        status["version"_L1]
+                = textOrNull(HostProcess::exeVersion(HostProcess::appExe(), u"ProductVersion"_s));
+        status["build"_L1]
+                = textOrNull(HostProcess::exeVersion(HostProcess::appExe(), u"FileVersion"_s));
     }
     replyToolJSON(id, status, false);
 }

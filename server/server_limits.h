@@ -27,7 +27,6 @@ constexpr int WaitSliceMs = 250; // how late a cancellation or a closed connecti
 // Reaching the control pipe.
 constexpr int ConnectAttemptMs = 500;
 constexpr int ConnectPauseMs = 250;
-constexpr int BacklogPauseMs = 10;
 constexpr int ProbeMs = 1'500;
 
 // Launching and quitting.
