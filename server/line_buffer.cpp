@@ -1,37 +1,23 @@
 #include "line_buffer.h"
 
-#include "freed_memory.h"
-
-#include <algorithm>
 #include <cstring>
 
 namespace {
 
 constexpr qsizetype KeptBytes = 2 << 20; // a buffer of this size stays
 
-// Beyond this, the next buffer is one that malloc maps by itself: only what is used of it takes
-// memory, it can come in large pages, and it goes back as soon as it is freed. A shorter one uses
-// freed memory again.
-constexpr qsizetype MapBeyondBytes = 14 << 20;
-constexpr qsizetype MappedBytes = 64 << 20;
-
-// So that a line is copied few times while it comes in.
-qsizetype grown(qsizetype needed)
-{
-    return needed <= MapBeyondBytes ? 2 * needed : std::max(2 * needed, MappedBytes);
-}
-
 } // namespace
 
-char *LineBuffer::space(qsizetype wanted)
+std::span<char> LineBuffer::space(qsizetype wanted)
 {
     if (begin == end)
         begin = end = 0;
     if (bytes.size() - end < wanted) {
         const qsizetype needed = end - begin + wanted;
-        move(needed <= bytes.size() / 2 ? bytes.size() : grown(needed));
+        // Twice as much, so that a line is copied few times while it comes in.
+        move(needed <= bytes.size() / 2 ? bytes.size() : 2 * needed);
     }
-    return bytes.data() + end;
+    return { bytes.data() + end, static_cast<size_t>(bytes.size() - end) };
 }
 
 std::optional<QByteArrayView> LineBuffer::takeLine()
@@ -53,7 +39,8 @@ std::optional<QByteArrayView> LineBuffer::takeLine()
 
 void LineBuffer::releaseTaken()
 {
-    if (bytes.size() > KeptBytes && begin > 0)
+    // Only where most of it is to go: what is moved is then less than what goes.
+    if (bytes.size() > KeptBytes && begin > 0 && end - begin <= bytes.size() / 2)
         move(end - begin);
 }
 
@@ -70,7 +57,6 @@ void LineBuffer::move(qsizetype capacity)
         // Grown by the allocator, which need not copy what is large.
         bytes.reserve(capacity);
         bytes.resize(capacity);
-        adviseHugePages(bytes.data(), capacity);
         return;
     }
     if (capacity == bytes.size()) {
