@@ -189,8 +189,8 @@ class HastyInstallation : public Installation
 public:
     HastyInstallation() : Installation(QStringLiteral(HASTY_SERVER_PATH)) { }
 
-    static constexpr qint64 SecondMs = 200;
-    static constexpr qint64 MinuteMs = 300;
+    static constexpr qint64 SecondMs = HASTY_SECOND_MS;
+    static constexpr qint64 MinuteMs = HASTY_MINUTE_MS;
 };
 
 // A child process that is ended with its object.
@@ -228,6 +228,26 @@ public:
         return statm.open(QIODevice::ReadOnly)
                        ? statm.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE)
                        : 0;
+    }
+
+    // How often its main thread went to sleep, as a line of proc(5).
+    QByteArray switches() const
+    {
+        QFile status(u"/proc/%1/status"_s.arg(process.processId()));
+        QByteArray line;
+        while (status.isOpen() || status.open(QIODevice::ReadOnly)) {
+            line = status.readLine();
+            if (line.isEmpty() || line.startsWith("voluntary_ctxt_switches"))
+                break;
+        }
+        return line;
+    }
+
+    // Those for which nothing was read from a disk.
+    qint64 pageFaults() const
+    {
+        QFile stat(u"/proc/%1/stat"_s.arg(process.processId()));
+        return stat.open(QIODevice::ReadOnly) ? stat.readAll().split(' ').value(9).toLongLong() : 0;
     }
 
     QProcess process;
