@@ -13,9 +13,9 @@
 //
 // Every line that it gets is appended to the file "received" beside it, a byte to "starts" at each
 // start. FAKE_DEAF=1 keeps it from accepting anybody, FAKE_SLOW=MS makes it pause before it reads,
-// FAKE_LARGE=BYTES makes it take that much memory, so that it does not end at once when it is killed.
-// It prints "listening" once it serves, gives way to a living holder of the pipe, and ends by
-// itself after two minutes.
+// FAKE_LARGE=BYTES makes it take that much memory, so that it does not end at once when it is
+// killed. It prints "listening" once it serves, gives way to a living holder of the pipe, and ends
+// by itself after two minutes.
 
 #include <QCoreApplication>
 #include <QDir>

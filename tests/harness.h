@@ -68,6 +68,13 @@ inline bool isError(const QJsonObject &response)
     return response["result"_L1]["isError"_L1].toBool();
 }
 
+// How an event of the application reaches the client.
+inline QByteArray eventLine(const QByteArray &data)
+{
+    return R"({"jsonrpc":"2.0","method":"notifications/message","params":{"data":)" + data
+           + R"(,"level":"info","logger":"orrery"}})";
+}
+
 // Steps of the scripted application, see there: it sends a text, and what follows it; the answer 1.
 inline QByteArray sendStep(const QByteArray &text, const QByteArray &then = {})
 {
@@ -222,32 +229,16 @@ public:
         return text;
     }
 
+    // A file of proc(5).
+    QByteArray proc(const QString &name) const
+    {
+        QFile file(u"/proc/%1/%2"_s.arg(process.processId()).arg(name));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
     qint64 residentBytes() const
     {
-        QFile statm(u"/proc/%1/statm"_s.arg(process.processId()));
-        return statm.open(QIODevice::ReadOnly)
-                       ? statm.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE)
-                       : 0;
-    }
-
-    // How often its main thread went to sleep, as a line of proc(5).
-    QByteArray switches() const
-    {
-        QFile status(u"/proc/%1/status"_s.arg(process.processId()));
-        QByteArray line;
-        while (status.isOpen() || status.open(QIODevice::ReadOnly)) {
-            line = status.readLine();
-            if (line.isEmpty() || line.startsWith("voluntary_ctxt_switches"))
-                break;
-        }
-        return line;
-    }
-
-    // Those for which nothing was read from a disk.
-    qint64 pageFaults() const
-    {
-        QFile stat(u"/proc/%1/stat"_s.arg(process.processId()));
-        return stat.open(QIODevice::ReadOnly) ? stat.readAll().split(' ').value(9).toLongLong() : 0;
+        return proc(u"statm"_s).split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE);
     }
 
     QProcess process;

@@ -8,6 +8,39 @@
 
 #include <fcntl.h>
 
+namespace {
+
+// A call for which the application takes its time, in minutes of the hasty server.
+struct Case
+{
+    QString tool;
+    QString method; // that has the steps
+    QByteArray steps;
+    int least; // after which the client has the answer
+    int most;
+    QString text; // of the answer, or none: no error
+};
+
+struct Run
+{
+    explicit Run(const Case &test)
+    {
+        home.script(test.method, '[' + test.steps + ']');
+        app.emplace(home);
+        server.emplace(home);
+        server->send(toolCall(1, test.tool));
+        server->process.waitForBytesWritten();
+        timer.start();
+    }
+
+    HastyInstallation home;
+    std::optional<Application> app;
+    std::optional<Server> server;
+    QElapsedTimer timer;
+};
+
+} // namespace
+
 class tst_app : public QObject
 {
     Q_OBJECT
@@ -162,7 +195,8 @@ private Q_SLOTS:
         timer.start();
         const QJsonObject answer = server.call(u"quit_app"_s, { { u"mode"_s, mode } });
         const qint64 over = timer.elapsed() - seconds * HastyInstallation::SecondMs;
-        QVERIFY2(over >= 0 && over < 1'600, qPrintable(QString::number(over)));
+        constexpr qint64 SlackMs = 1'600; // minutes for seconds would add more
+        QVERIFY2(over >= 0 && over < SlackMs, qPrintable(QString::number(over)));
         QCOMPARE(compact(resultObject(answer)), result);
         QCOMPARE(isError(answer), result.contains("still running"));
         timer.start();
@@ -208,38 +242,14 @@ private Q_SLOTS:
             const qint64 wait = minutes * HastyInstallation::MinuteMs;
             return compact({ { u"wait"_s, wait } }) + ',' + sendStep(Answer).sliced(1).chopped(1);
         };
-        struct Case
-        {
-            QString tool;
-            QString method; // what the application takes its time for
-            QByteArray steps;
-            int least; // and most: minutes until the client has
-            int most;
-            QString text;
-        };
+        // The second hello is read after the first was answered. A flood goes out when it is read.
         const Case cases[] {
-            { u"get_vm"_s, u"get_vm"_s, events, 5, 9, late },
             { u"get_vm"_s, u"get_vm"_s, after(20), 5, 9, late },
+            { u"get_vm"_s, u"get_vm"_s, events, 5, 20, late },
             { u"create_vm"_s, u"create_vm"_s, after(7), 7, 12, u"1"_s },
-            { u"get_vm"_s, u"hello"_s, after(4), 8, 13, {} }, // the second hello waits for the first
-            { u"get_vm"_s, u"hello"_s, after(80), 10, 16, notUp },
+            { u"list_vms"_s, u"hello"_s, after(4), 8, 13, {} },
+            { u"list_vms"_s, u"hello"_s, after(80), 10, 16, notUp },
             { u"job_wait"_s, u"job_wait"_s, after(80), 31, 45, late },
-        };
-        struct Run
-        {
-            explicit Run(const Case &test)
-            {
-                home.script(test.method, '[' + test.steps + ']');
-                app.emplace(home);
-                server.emplace(home);
-                server->send(toolCall(1, test.tool));
-                server->process.waitForBytesWritten();
-                timer.start();
-            }
-            HastyInstallation home;
-            std::optional<Application> app;
-            std::optional<Server> server;
-            QElapsedTimer timer;
         };
         std::list<Run> runs;
         for (const Case &test : cases)
@@ -247,12 +257,13 @@ private Q_SLOTS:
         for (auto [test, run] = std::pair(std::begin(cases), runs.begin()); run != runs.end();
              ++test, ++run) {
             QByteArray line;
-            while ((line = run->server->line()).contains("notifications/message")) {
-            }
+            while ((line = run->server->line()).contains("notifications/message")) { }
             const auto minutes = double(run->timer.elapsed()) / HastyInstallation::MinuteMs;
             QVERIFY2(minutes >= test->least && minutes < test->most,
                      qPrintable(u"%1: %2"_s.arg(test - cases).arg(minutes)));
-            if (!test->text.isEmpty())
+            if (test->text.isEmpty())
+                QVERIFY(!isError(parsed(line)));
+            else
                 QCOMPARE(resultText(parsed(line)), test->text);
         }
     }
@@ -291,9 +302,10 @@ private Q_SLOTS:
             }
         });
         server.send(toolCall(1, u"get_vm"_s));
-        for (int fd = 1; fd < 3 && (closed & 1) == 0; ++fd) {
-            if (closed & (1 << fd))
-                QTRY_COMPARE(QFile::symLinkTarget(u"/proc/%1/fd/%2"_s.arg(server.process.processId()).arg(fd)), u"/dev/null"_s);
+        for (int fd = 1; fd < 3; ++fd) {
+            const QString link = u"/proc/%1/fd/%2"_s.arg(server.process.processId()).arg(fd);
+            if ((closed & (1 << fd)) && !(closed & 1)) // without input it ends at once
+                QTRY_COMPARE(QFile::symLinkTarget(link), u"/dev/null"_s);
         }
         QCOMPARE(server.finish(), 0);
         QCOMPARE(server.process.readAllStandardOutput().isEmpty(), (closed & 3) != 0);

@@ -1,28 +1,12 @@
 // The server as its client sees it: the protocol, and what becomes of relayed calls.
 
 #include "harness.h"
-#include "server_limits.h"
-
-#include <sys/resource.h>
 
 namespace {
-
-QByteArray eventLine(const QByteArray &data)
-{
-    return R"({"jsonrpc":"2.0","method":"notifications/message","params":{"data":)" + data
-           + R"(,"level":"info","logger":"orrery"}})";
-}
 
 QByteArray cancelled(const QByteArray &requestId)
 {
     return R"({"method":"notifications/cancelled","params":{"requestId":)" + requestId + "}}";
-}
-
-// Steps that send a file of the installation between two texts.
-QByteArray sendFile(const QByteArray &before, const QString &file, const QByteArray &after)
-{
-    const QByteArray step = compact({ { u"file"_s, file } });
-    return sendStep(before, ',' + step + ',' + sendStep(after).sliced(1).chopped(1));
 }
 
 // Rows from a file of transcripts: "# name", then lines that the client sends (>), that the
@@ -219,9 +203,8 @@ private Q_SLOTS:
                          withSteps(R"([{"fill":268435456},)" + sendStep("\n" + Answer).sliced(1))));
         QCOMPARE(server.line(), eventLine("{}"));
         QCOMPARE(resultText(parsed(server.line())), u"1"_s);
-        QCOMPARE(resultText(server.callSteps(
-                                    "[{\"send\":\"{\\\"id\\\":$id,\\\"result\\\":\\\"\"},"
-                                    "{\"fill\":60000000},{\"send\":\"\\\"}\\n\"}]"))
+        QCOMPARE(resultText(server.callSteps("[{\"send\":\"{\\\"id\\\":$id,\\\"result\\\":\\\"\"},"
+                                             "{\"fill\":60000000},{\"send\":\"\\\"}\\n\"}]"))
                          .size(),
                  60'000'000);
         for (const int size : { 32, 288, 65'568, 3'000'000 }) {
@@ -293,218 +276,6 @@ private Q_SLOTS:
         QVERIFY(!isError(server.call(u"get_vm"_s)));
     }
 
-    // What would take too much memory is refused by itself, also where there is little to take.
-    void refusesWhatCostsTooMuch_data()
-    {
-        QTest::addColumn<QByteArray>("before"); // $id is in what the application sends
-        QTest::addColumn<QByteArray>("piece");
-        QTest::addColumn<int>("times");
-        QTest::addColumn<QByteArray>("after");
-        QTest::addColumn<QByteArray>("answer"); // none: no error
-        const auto row = [](const char *name, const QByteArray &before, const QByteArray &piece,
-                            int times, const QByteArray &after, const QByteArray &answer) {
-            QTest::newRow(name) << before << piece << times << after << answer;
-        };
-        const auto failed = [](const QString &why) {
-            const QJsonObject text { { u"text"_s, "Orrery call failed: "_L1 + why },
-                                     { u"type"_s, u"text"_s } };
-            const QJsonObject result { { u"content"_s, QJsonArray { text } },
-                                       { u"isError"_s, true } };
-            return compact({ { u"id"_s, 1 }, { u"jsonrpc"_s, u"2.0"_s }, { u"result"_s, result } });
-        };
-        const auto refused = [](const QJsonValue &id, int code, const QString &message) {
-            const QJsonObject error { { u"code"_s, code }, { u"message"_s, message } };
-            return compact({ { u"error"_s, error }, { u"id"_s, id }, { u"jsonrpc"_s, u"2.0"_s } });
-        };
-        const QByteArray tooLong = failed(u"Orrery's answer makes a message of more than 512 MiB"_s);
-        const QByteArray result = "{\"id\":$id,\"result\":[";
-        const QByteArray small = QByteArray("[[1]],").repeated(10'000);
-        row("many small values", result, small, 400, "1]}\n",
-            failed(u"Orrery sent a line that takes more than 1.25 GiB of memory to read"_s));
-        row("many small values of the client", "{\"id\":1,\"method\":\"ping\",\"params\":[", small,
-            400, "1]}", refused(QJsonValue::Null, -32700, u"Parse error"_s));
-        row("levels that are indented", result,
-            QByteArray(1000, '[') + '1' + QByteArray(1000, ']') + ',', 200, "1]}\n", tooLong);
-        row("neither, though brackets are in it", result + '"', small, 400, "\"]}\n", {});
-        // Each becomes \u0001.
-        const auto growing = [&row](const char *name, const QByteArray &before,
-                                    const QByteArray &after, const QByteArray &answer) {
-            row(name, before, "\1", 95'000'000, after, answer);
-        };
-        growing("an error that grows", "{\"id\":$id,\"error\":{\"message\":\"", "\"}}\n", tooLong);
-        growing("an event that grows", "{\"method\":\"before\"}\n{\"method\":\"",
-                "\"}\n" + Answer,
-                failed(u"Orrery sent an event that makes a message of more than 512 MiB"_s));
-        const QByteArrayList call = toolCall(1, u"get_vm"_s, { { u"a"_s, u"^"_s } }).split('^');
-        growing("an argument that grows", call.first(), call.last(),
-                failed(u"the request is longer than 512 MiB"_s));
-        growing("a method that grows", "{\"id\":1,\"method\":\"", "\"}",
-                refused(1, -32601, "Method not found: "_L1 + QString(46, u'\1')));
-        growing("an id that grows", "{\"method\":\"ping\",\"id\":\"", "\"}",
-                refused(QJsonValue::Null, -32600, u"Invalid Request: the id is too long"_s));
-    }
-
-    void refusesWhatCostsTooMuch()
-    {
-        QFETCH(QByteArray, before);
-        QFETCH(QByteArray, piece);
-        QFETCH(int, times);
-        QFETCH(QByteArray, after);
-        QFETCH(QByteArray, answer);
-        const Installation home;
-        const Application app(home);
-        Server server(home, [] {
-            const rlimit limit { 2UL << 30, 2UL << 30 };
-            if (!Sanitized)
-                setrlimit(RLIMIT_AS, &limit);
-        });
-        home.write(u"pieces"_s, piece.repeated(times));
-        const bool isRelayed = (before + after).contains("$id");
-        server.send(isRelayed ? toolCall(1, u"get_vm"_s,
-                                         withSteps(sendFile(before, u"pieces"_s, after)))
-                              : before + piece.repeated(times) + after);
-        if (before.contains("before"))
-            QCOMPARE(server.line(), eventLine("{\"event\":\"before\"}"));
-        const QByteArray line = server.line();
-        if (answer.isEmpty())
-            QVERIFY(!isError(parsed(line)));
-        else
-            QCOMPARE(line, answer);
-        QVERIFY(!isError(server.call(u"get_vm"_s)));
-    }
-
-    // Whoever handled it, and whether or not the client leaves the server alone then.
-    void givesMemoryBack_data()
-    {
-        QTest::addColumn<QByteArray>("sent");
-        QTest::addColumn<bool>("busy");
-        const QByteArray objects = QByteArray(R"({"a":"b"},)").repeated(400'000);
-        const QByteArray argument = R"({"name":"get_vm","arguments":{"a":[)" + objects + "1]}}";
-        const QByteArray call = R"({"id":1,"method":"tools/call","params":)";
-        const QByteArray steps = toolCall(
-                1, u"get_vm"_s,
-                withSteps("[{\"send\":\"{\\\"id\\\":$id,\\\"result\\\":\\\"\"},{\"fill\":50000000},"
-                          "{\"send\":\"\\\"}\\n{\\\"method\\\":\\\"e\\\"}\\n\"}]"));
-        QTest::newRow("garbage while a call waits")
-                << toolCall(1, u"get_vm"_s, withSteps(R"([{"wait":90000}])")) + "\n[" + objects
-                           + '\n'
-                << false;
-        for (const bool busy : { false, true }) {
-            const auto row = [&](const char *name, const QByteArray &sent) {
-                QTest::addRow("%s%s", name, busy ? ", busy" : "") << sent + '\n' << busy;
-            };
-            row("garbage", '[' + objects);
-            row("a ping", R"({"id":1,"method":"ping","params":)" + argument + '}');
-            row("an answer with an event behind it", steps);
-            // Notifications, which are not answered.
-            row("a queue",
-                toolCall(1, u"get_vm"_s,
-                         withSteps(sendStep("", R"(,{"wait":1000},)"
-                                                        + sendStep(Answer).sliced(1).chopped(1))))
-                        + '\n'
-                        + ("{\"method\":\"x\",\"params\":[" + objects.first(10 * 200) + "1]}\n")
-                                  .repeated(1'500)
-                                  .chopped(1));
-            row("a request with the start of the next behind it",
-                call + argument + "}\n{\"id\":2,\"method\":");
-        }
-    }
-
-    void givesMemoryBack()
-    {
-        QFETCH(QByteArray, sent);
-        QFETCH(bool, busy);
-        if (Sanitized)
-            QSKIP("the sanitizers keep freed memory, so that they see it used");
-        const Installation home;
-        const Application app(home);
-        Server server(home);
-        QVERIFY(!isError(server.call(u"get_vm"_s)));
-        const qint64 before = server.residentBytes();
-        sent.chop(sent.endsWith(":\n") ? 1 : 0); // that one goes on
-        server.process.write(sent);
-        QVERIFY(!server.line().isEmpty());
-        if (!sent.endsWith('\n'))
-            server.send("\"ping\"}");
-        const QDeadlineTimer deadline(PatienceMs);
-        while (server.residentBytes() > before + 20'000'000 && !deadline.hasExpired()) {
-            QTest::qSleep(100);
-            if (busy) {
-                server.send(R"({"id":3,"method":"initialize"})");
-                QVERIFY(!server.line().isEmpty());
-            }
-        }
-        QVERIFY(!deadline.hasExpired());
-    }
-
-    // A large request before them must not change that: see PromptRelease.
-    void keepsMemoryWhileLargeAnswersCome()
-    {
-        if (Sanitized)
-            QSKIP("the sanitizers have an allocator of their own");
-        const Installation home;
-        home.script(u"get_vm"_s, sendStep("{\"id\":$id,\"result\":[\"" + QByteArray(3'000'000, 'x')
-                                          + "\"]}\n"));
-        const Application app(home);
-        Server server(home);
-        server.send("{\"id\":0,\"method\":\"ping\",\"x\":\"" + QByteArray(1 << 20, 'x') + "\"}");
-        QVERIFY(!server.line().isEmpty());
-        qint64 fewest = INT_MAX; // page faults; the machine may be busy meanwhile
-        for (int i = 0; i < 10; ++i) {
-            const qint64 before = server.pageFaults();
-            QVERIFY(!isError(server.call(u"get_vm"_s)));
-            fewest = std::min(fewest, server.pageFaults() - before);
-        }
-        QVERIFY2(fewest < 300, qPrintable(QString::number(fewest)));
-    }
-
-    // It wakes up no more once it has given memory back, but hears the end of input.
-    void sleepsWhileNothingComes()
-    {
-        const Installation home;
-        Server server(home);
-        server.send('[' + QByteArray(1 << 20, ' '));
-        QVERIFY(!server.line().isEmpty());
-        const QDeadlineTimer deadline(PatienceMs);
-        QByteArray before;
-        do {
-            before = server.switches();
-            QTest::qSleep(2 * Limits::Quiet.count() + 100);
-        } while (server.switches() != before && !deadline.hasExpired());
-        QVERIFY(!deadline.hasExpired());
-        QCOMPARE(server.finish(), 0);
-    }
-
-    // In the best of three rounds, for the machine may be busy.
-    void answersPingsWhileItHandlesALargeAnswer()
-    {
-        if (Sanitized)
-            QSKIP("the sanitizers have an allocator of their own");
-        const Installation home;
-        const Application app(home);
-        Server server(home);
-        home.write(u"rows"_s, QByteArray(R"({"a":"b"},)").repeated(2'000'000));
-        qint64 best = PatienceMs;
-        for (int round = 0; round < 3; ++round) {
-            server.send(toolCall(1, u"get_vm"_s,
-                                 withSteps(sendFile("{\"id\":$id,\"result\":{\"x\":[", u"rows"_s,
-                                                    "1]},\"error\":0}\n"))));
-            qint64 worst = 0;
-            for (bool answered = false; !answered;) {
-                QElapsedTimer timer;
-                timer.start();
-                server.send(R"({"id":2,"method":"ping"})");
-                QByteArray line = server.line();
-                worst = std::max(worst, timer.elapsed());
-                if ((answered = line.startsWith(R"({"id":1,)")))
-                    line = server.line();
-                QCOMPARE(line, R"({"id":2,"jsonrpc":"2.0","result":{}})");
-            }
-            best = std::min(best, worst);
-        }
-        QVERIFY2(best <= 100, qPrintable(QString::number(best)));
-    }
-
     void servesWithoutACatalogue()
     {
         const Installation home(QStringLiteral(ODD_SERVER_PATH));
@@ -546,24 +317,6 @@ private Q_SLOTS:
         server.send(toolCall(1, u"get_vm"_s, { { u"large"_s, QString(600'000, u'x') } }));
         QCOMPARE(server.line(), eventLine(R"({"event":"late"})"));
         QVERIFY(isError(parsed(server.line())));
-    }
-
-    // However many events an application sends between two calls.
-    void readsNotFarAhead()
-    {
-        if (Sanitized)
-            QSKIP("the sanitizers keep freed memory, so that they see it used");
-        const Installation home;
-        const Application app(home);
-        Server server(home);
-        const QByteArray event = compact({ { u"send"_s, QString(100'000, u'x') }, { u"times"_s, 10'000 } });
-        QVERIFY(!isError(server.callSteps(sendStep(Answer, ',' + event))));
-        const qint64 before = server.residentBytes();
-        for (int i = 0; i < 3'000; ++i) {
-            server.send(R"({"id":5,"method":"initialize"})");
-            QVERIFY(!server.line().isEmpty());
-        }
-        QVERIFY(server.residentBytes() < before + 10'000'000);
     }
 
     void cancelsTheCallInFlightOnly_data()
