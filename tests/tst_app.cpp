@@ -28,9 +28,9 @@ struct Run
         home.script(test.method, '[' + test.steps + ']');
         app.emplace(home);
         server.emplace(home);
+        timer.start();
         server->send(toolCall(1, test.tool));
         server->process.waitForBytesWritten();
-        timer.start();
     }
 
     HastyInstallation home;
