@@ -20,6 +20,8 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+constexpr qsizetype ManyKeysBytes = 4'096; // of an answer in which keys are probably repeated
+
 // An application's event as a notification to the client. Members that the event lacks stay out.
 void putEvent(JsonWriter &lines, const QJsonObject &event)
 {
@@ -93,18 +95,27 @@ void PipeLines::takeLine(QByteArrayView line)
         refusal = u"Orrery sent a line of more than 256 MiB"_s;
         return;
     }
-    std::optional<Answer> taken = answerWithPicture(line);
-    if (!taken && isTooCostly(line)) {
+    if ((answer = answerWithPicture(line)) && isOwn(answer->message))
+        return;
+    answer.reset();
+    if (isTooCostly(line)) {
         refusal = u"Orrery sent a line that takes more than 1.25 GiB of memory to read"_s;
         return;
     }
-    if (!taken)
-        taken = Answer { parseObject(line).value_or(QJsonObject()), {} };
-    const QJsonObject &message = taken->message;
-    if (!message.contains("result"_L1) && !message.contains("error"_L1))
+    const QJsonObject message = parseObject(line).value_or(QJsonObject());
+    const bool isPlain = !line.contains('\\');
+    if (!message.contains("result"_L1) && !message.contains("error"_L1)) {
+        events.keepKeys(isPlain);
         putEvent(events, message);
-    else if (message.value("id"_L1).toInteger(-1) == requestId)
-        answer = std::move(taken);
+    } else if (isOwn(message)) {
+        answer = Answer { message, {}, isPlain && line.size() >= ManyKeysBytes };
+    }
+}
+
+// Whether a response is the one to this request.
+bool PipeLines::isOwn(const QJsonObject &response) const
+{
+    return response.value("id"_L1).toInteger(-1) == requestId;
 }
 
 Exchange::Exchange(QLocalSocket &pipe, const HostProcess::Handle &peer, LineBuffer &buffer,

@@ -41,6 +41,7 @@ public:
 
 private:
     void takeLine(QByteArrayView line);
+    [[nodiscard]] bool isOwn(const QJsonObject &response) const;
 
     LineBuffer &input;
     const int requestId;

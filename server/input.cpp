@@ -13,8 +13,11 @@
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace {
+
+constexpr size_t LongQueue = 4'096; // requests
 
 std::atomic<qint64> g_inFlight = NoCall; // id of the relayed call; written by the main thread
 std::atomic<bool> g_cancelled = false; // that call was; set by the reader, cleared by main
@@ -100,6 +103,7 @@ void RequestQueue::append(Request request)
         const std::lock_guard lock(mutex);
         bytes += request.size;
         requests.push_back(std::move(request));
+        wasLong = wasLong || requests.size() >= LongQueue;
     }
     // Outside of the lock: whoever wakes takes it first.
     changed.notify_one();
@@ -126,7 +130,8 @@ std::optional<Request> RequestQueue::take()
 {
     std::unique_lock lock(mutex);
     const auto ready = [this] { return inputEnded || !requests.empty(); };
-    while (!changed.wait_for(lock, Limits::Quiet, ready)) {
+    while (!changed.wait_for(lock, wasLong ? 0ms : Limits::Quiet, ready)) {
+        wasLong = false;
         lock.unlock();
         giveMemoryBack();
         lock.lock();

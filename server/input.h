@@ -30,7 +30,8 @@ public:
     void wake();
 
     // Waits for the next request; nothing once input has ended and every request was taken. When
-    // none comes for a while, freed memory goes back to the system.
+    // none comes for a while, freed memory goes back to the system; at once after a long queue,
+    // whose memory nothing else would use.
     std::optional<Request> take();
 
 private:
@@ -39,6 +40,7 @@ private:
     std::deque<Request> requests;
     qsizetype bytes = 0; // that the requests came in
     bool inputEnded = false;
+    bool wasLong = false; // since take() last gave memory back
 };
 
 // The stdin reader thread: reads until standard input ends. Answers what must not wait behind a

@@ -1,6 +1,7 @@
 #include "json_writer.h"
 
 #include "json_escape.h"
+#include "memory.h"
 #include "server_limits.h"
 
 #include <QCborArray>
@@ -18,14 +19,20 @@
 
 namespace {
 
-constexpr qsizetype FirstBytes = 256;
+constexpr qsizetype FirstBytes = 128;
 constexpr qsizetype IndentBytes = 4;
-constexpr qsizetype ManyKeysBytes = 4'096; // of text in which keys are probably repeated
 constexpr size_t KnownKeys = 64;
 constexpr size_t KeysPerLevel = 16; // so that an object and those in it seldom meet
 constexpr qsizetype MaxKnownKeyBytes = 256;
 
 } // namespace
+
+void JsonWriter::keepKeys(bool isWanted)
+{
+    keepsKeys = isWanted;
+    if (isWanted && knownKeys.empty())
+        knownKeys.resize(KnownKeys);
+}
 
 void JsonWriter::makeRoom(qsizetype bytes)
 {
@@ -35,10 +42,8 @@ void JsonWriter::makeRoom(qsizetype bytes)
     }
     if (size + bytes <= capacity)
         return;
-    // To exactly so many bytes: left to itself, QByteArray goes to the next power of two.
-    capacity = std::clamp(2 * (size + bytes), FirstBytes, Limits::MaxMessageBytes);
-    buffer.reserve(capacity);
-    buffer.resize(capacity);
+    growBuffer(buffer, std::max(size + bytes, FirstBytes));
+    capacity = buffer.size();
     place = buffer.data();
 }
 
@@ -136,16 +141,14 @@ template <JsonWriter::Style style> void JsonWriter::newLine(int level)
 }
 
 // Writes a key and its colon. The objects of an array mostly have the same keys, so that one which
-// is in the place where it was before need not be escaped again.
-template <JsonWriter::Style style> void JsonWriter::memberKey(const QString &name, size_t slot)
+// is in the place where it was before need not be made into text again.
+template <JsonWriter::Style style> void JsonWriter::memberKey(const QCborValue &name, size_t slot)
 {
-    if (knownKeys.empty() && size >= ManyKeysBytes)
-        knownKeys.resize(KnownKeys);
-    KnownKey *const known = knownKeys.empty() ? nullptr : &knownKeys[slot % KnownKeys];
-    if (known != nullptr && known->style == style && known->name == name && !known->text.isEmpty())
+    KnownKey *const known = !keepsKeys ? nullptr : &knownKeys[slot % KnownKeys];
+    if (known != nullptr && known->style == style && known->name == name)
         return put(known->text);
     const qsizetype start = size;
-    quoted<style>(name);
+    quoted<style>(name.toString());
     put(style == Style::Reader ? ": " : ":");
     if (known != nullptr && !tooLong && size - start <= MaxKnownKeyBytes)
         *known = { name, style, bytes().sliced(start).toByteArray() };
@@ -159,10 +162,8 @@ void JsonWriter::container(const Container &members, int level, QLatin1StringVie
     bool first = true;
     size_t slot = static_cast<size_t>(level) * KeysPerLevel;
     for (auto member = members.constBegin(); member != members.constEnd() && !tooLong; ++member) {
-        QString name;
         if constexpr (IsMap) {
-            name = member.key().toString();
-            if (!except.isEmpty() && name == except)
+            if (!except.isEmpty() && member.key().toString() == except)
                 continue;
         }
         if (!first)
@@ -170,7 +171,7 @@ void JsonWriter::container(const Container &members, int level, QLatin1StringVie
         first = false;
         newLine<style>(level + 1);
         if constexpr (IsMap) {
-            memberKey<style>(name, slot++);
+            memberKey<style>(member.key(), slot++);
             element<style>(member.value(), level + 1);
         } else {
             element<style>(*member, level + 1);

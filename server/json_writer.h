@@ -26,6 +26,11 @@ public:
     JsonWriter(JsonWriter &&) = default;
     JsonWriter &operator=(JsonWriter &&) = delete;
 
+    // Whether keys that are repeated are made into text once, from here on. Only for values that
+    // came as text without escape sequences: Qt does not say whether a half of a surrogate pair
+    // counts when strings are compared.
+    void keepKeys(bool isWanted);
+
     void beginObject() { begin('{'); }
     void endObject() { end('}'); }
     void beginArray() { begin('['); }
@@ -89,7 +94,7 @@ private:
     // A key as it was last written in its place.
     struct KnownKey
     {
-        QString name;
+        QCborValue name;
         Style style = Style::Compact;
         QByteArray text;
     };
@@ -142,7 +147,7 @@ private:
     template <Style style> void element(const QCborValue &value, int level);
     template <Style style, typename Container>
     void container(const Container &members, int level, QLatin1StringView except = {});
-    template <Style style> void memberKey(const QString &name, size_t slot);
+    template <Style style> void memberKey(const QCborValue &name, size_t slot);
     template <Style style> void newLine(int level);
 
     QByteArray buffer;
@@ -153,5 +158,6 @@ private:
     qsizetype borrowedAt = 0; // so many bytes are written before it
     bool afterValue = false; // so that the next one needs a comma
     bool tooLong = false;
-    std::vector<KnownKey> knownKeys; // none until much is written
+    std::vector<KnownKey> knownKeys; // none while none were to be kept
+    bool keepsKeys = false;
 };

@@ -26,13 +26,21 @@ public:
     }
 
     // Gives back the memory of large lines that were taken, and keeps what is behind them.
-    void releaseTaken();
+    void releaseTaken()
+    {
+        // Only where most of it is to go: what is moved is then less than what goes.
+        if (bytes.size() > KeptBytes && begin > 0 && end - begin <= bytes.size() / 2)
+            shrink();
+    }
 
     // Forgets everything, and gives the memory back.
     void clear();
 
 private:
-    void move(qsizetype capacity);
+    static constexpr qsizetype KeptBytes = 2 << 20; // a buffer of this size stays
+
+    void moveToFront();
+    void shrink();
 
     QByteArray bytes; // all of it is a place to write to; begin to end is what was read
     qsizetype begin = 0;

@@ -3,14 +3,18 @@
 // 4 KiB). The reader's memory is apart from the main thread's, so that neither waits for the
 // other's allocations (malloc's arenas, mallopt(3)).
 //
-// Callers say what happened: a message of so many bytes was handled, or nothing is to do.
+// Callers say what happened: a message of so many bytes was handled.
 
 #pragma once
 
-#include <QtGlobal>
+#include <QByteArray>
 
 // Sets malloc up; before there is a second thread.
 void setUpMemory();
+
+// Makes a buffer larger, to hold at least needed bytes. Behind what it held, its bytes are as they
+// happen to be.
+void growBuffer(QByteArray &buffer, qsizetype needed);
 
 // A message of that many bytes was handled, or so many that were waiting. Any thread.
 void messageHandled(qsizetype bytes);

@@ -12,7 +12,7 @@ namespace {
 
 constexpr qsizetype LongBytes = 16'384; // a shorter picture is parsed as quickly
 constexpr QByteArrayView PictureStart = "\"imageBase64\":\"";
-constexpr QByteArrayView StandIn = "<picture>";
+constexpr auto StandIn = "<picture>"_L1;
 
 using Octets = quint8 __attribute__((vector_size(BlockBytes)));
 
@@ -31,7 +31,10 @@ bool isPlain(QByteArrayView text)
 }
 
 // Whether text that is not the picture's could read as what stands in for it, however it is spelt.
-bool maySayStandIn(QByteArrayView text) { return text.contains(StandIn) || text.contains("\\u"); }
+bool maySayStandIn(QByteArrayView text)
+{
+    return text.contains(QByteArrayView(StandIn)) || text.contains("\\u");
+}
 
 } // namespace
 
@@ -54,12 +57,12 @@ std::optional<Answer> answerWithPicture(QByteArrayView line)
         || maySayStandIn(after))
         return {};
     // This is JSON if, and only if, the line is.
-    const QByteArray rest = before.toByteArray() + StandIn + after.toByteArray();
+    const QByteArray rest = before.toByteArray().append(StandIn).append(after);
     if (isTooCostly(rest))
         return {};
     // It has one stand-in: found where a picture belongs, it is in the place of that picture.
     const std::optional<QJsonObject> message = parseObject(rest);
-    if (!message || (*message)["result"_L1][ImageKey] != QLatin1StringView(StandIn))
+    if (!message || (*message)["result"_L1][ImageKey] != StandIn)
         return {};
     return Answer { *message, picture };
 }

@@ -12,12 +12,17 @@
 // The member of an answer's result that holds a picture, in base64.
 inline constexpr QLatin1StringView ImageKey { "imageBase64" };
 
-// An answer, and the picture in its result if that stands apart: it lies in the line, and the
-// result has another text in its place. Each of its bytes stands for itself in a JSON string.
+// An application's answer.
 struct Answer
 {
     QJsonObject message;
+
+    // The picture in its result, if that stands apart: it lies in the line, and the result has
+    // another text in its place. Each of its bytes stands for itself in a JSON string.
     QByteArrayView picture;
+
+    // Whether keys are probably repeated in it, and came without escape sequences.
+    bool hasPlainKeys = false;
 };
 
 // The line as an answer whose picture stands apart; nothing where it must be parsed whole, as when

@@ -67,9 +67,13 @@ bool replyContent(const QJsonValue &id, bool isError, PutBlocks putBlocks)
 }
 
 // A value as a tool result of one text block.
-bool replyTextBlock(const QJsonValue &id, const QJsonValue &value, bool isError)
+bool replyTextBlock(const QJsonValue &id, const QJsonValue &value, bool isError,
+                    bool hasPlainKeys = false)
 {
-    return replyContent(id, isError, [&](JsonWriter &line) { putTextBlock(line, value); });
+    return replyContent(id, isError, [&](JsonWriter &line) {
+        line.keepKeys(hasPlainKeys);
+        putTextBlock(line, value);
+    });
 }
 
 // An object with a screenshot as an image block before the rest as text.
@@ -90,6 +94,16 @@ bool replyImage(const QJsonValue &id, const QJsonObject &object, QByteArrayView 
         line.endObject();
         putTextBlock(line, object, ImageKey);
     });
+}
+
+void replyValue(const QJsonValue &id, const QJsonValue &value, bool isError, QByteArrayView picture,
+                bool hasPlainKeys)
+{
+    const QJsonObject object = value.toObject();
+    const bool hasImage = !object.value(ImageKey).toString().isEmpty();
+    if (!(hasImage ? replyImage(id, object, picture)
+                   : replyTextBlock(id, value, isError, hasPlainKeys)))
+        replyToolText(id, TooLongText, true);
 }
 
 } // namespace
@@ -152,13 +166,12 @@ void replyToolText(const QJsonValue &id, const QString &text, bool isError, cons
         replyTextBlock(id, instead, true);
 }
 
-void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError,
-                   QByteArrayView picture)
+void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError)
 {
-    const QJsonObject object = value.toObject();
-    const bool hasImage = !object.value(ImageKey).toString().isEmpty();
-    const bool isWritten
-            = hasImage ? replyImage(id, object, picture) : replyTextBlock(id, value, isError);
-    if (!isWritten)
-        replyToolText(id, TooLongText, true);
+    replyValue(id, value, isError, {}, false);
+}
+
+void replyToolResult(const QJsonValue &id, const Answer &answer)
+{
+    replyValue(id, answer.message.value("result"_L1), false, answer.picture, answer.hasPlainKeys);
 }

@@ -9,6 +9,8 @@
 #include <QJsonValue>
 #include <QString>
 
+struct Answer;
+
 // JSON-RPC 2.0, section 5.1.
 inline constexpr int ParseError = -32700;
 inline constexpr int InvalidRequest = -32600;
@@ -36,7 +38,8 @@ inline constexpr auto TooLongText = QLatin1StringView(
 void replyToolText(const QJsonValue &id, const QString &text, bool isError,
                    const QString &instead = TooLongText);
 
-// A value as a tool result: a screenshot in it becomes an image block before the rest as text. A
-// picture that stands apart takes the place of the one in the value, see picture_input.h.
-void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError,
-                   QByteArrayView picture = {});
+// A value as a tool result: a screenshot in it becomes an image block before the rest as text.
+void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError);
+
+// The same with the result of an application's answer.
+void replyToolResult(const QJsonValue &id, const Answer &answer);

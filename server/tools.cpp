@@ -219,7 +219,7 @@ void replyAnswer(const QJsonValue &id, const Answer &answer)
     if (message.contains("error"_L1))
         replyToolText(id, applicationErrorText(message.value("error"_L1)), true);
     else
-        replyToolJSON(id, message.value("result"_L1), false, answer.picture);
+        replyToolResult(id, answer);
 }
 
 void toolsCall(const QJsonValue &id, const QJsonObject &params)
