@@ -3,6 +3,7 @@
 #include "orrery_control.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 #include <climits>
@@ -18,9 +19,20 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+enum class Owner { User, Others };
+
+QString appName() { return OrreryControl::exeName(u"orrery"_s); }
+
+// The kernel's name of a process, which the process may change.
+QByteArray processName(unsigned long pid)
+{
+    QFile file(u"/proc/%1/comm"_s.arg(pid));
+    return file.open(QIODevice::ReadOnly) ? file.readLine().trimmed() : QByteArray();
+}
+
 // The first processes of the application in listing order, at most limit of them: looking at a
 // process can mean comparing files.
-QList<unsigned long> search(qsizetype limit)
+QList<unsigned long> search(qsizetype limit, Owner owner)
 {
     const QString app = HostProcess::appExe();
     const QString appPath = app.isEmpty() ? QString() : QFileInfo(app).canonicalFilePath();
@@ -39,9 +51,11 @@ QList<unsigned long> search(qsizetype limit)
         {
         };
         if (stat(("/proc/"_L1 + entry).toLocal8Bit().constData(), &status) != 0
-            || status.st_uid != getuid())
+            || (status.st_uid == getuid()) != (owner == Owner::User))
             continue;
-        if (OrreryControl::processImagePath(pid) == appPath)
+        const QString image = OrreryControl::processImagePath(pid);
+        const bool isHidden = owner == Owner::Others && image.isEmpty();
+        if (isHidden ? processName(pid) == appName().toLocal8Bit() : image == appPath)
             found += pid;
         if (found.size() == limit)
             break;
@@ -53,11 +67,18 @@ QList<unsigned long> search(qsizetype limit)
 
 namespace HostProcess {
 
-QString appExe() { return OrreryControl::siblingPath(OrreryControl::exeName(u"orrery"_s)); }
+QString appExe() { return OrreryControl::siblingPath(appName()); }
 
-unsigned long findApp() { return search(1).value(0); }
+bool isApp(unsigned long pid) { return OrreryControl::isSiblingProcess(pid, appName()); }
 
-QList<unsigned long> findApps() { return search(std::numeric_limits<qsizetype>::max()); }
+unsigned long findApp() { return search(1, Owner::User).value(0); }
+
+QList<unsigned long> findApps()
+{
+    return search(std::numeric_limits<qsizetype>::max(), Owner::User);
+}
+
+unsigned long findForeignApp() { return search(1, Owner::Others).value(0); }
 
 QString exeVersion([[maybe_unused]] const QString &path, const QString &key)
 {
