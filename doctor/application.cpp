@@ -7,7 +7,8 @@
 #include <QDir>
 #include <QFileInfo>
 
-#include <sys/stat.h>
+#include <filesystem>
+
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
@@ -43,18 +44,9 @@ Process lookAt(unsigned long pid)
 bool isSameFolder(unsigned long pid, const QString &theirs)
 {
     const QString base = QDir::isAbsolutePath(theirs) ? u"root"_s : u"cwd/"_s;
-    const QByteArray seen = (u"/proc/%1/"_s.arg(pid) + base + theirs).toLocal8Bit();
-    struct stat their
-    {
-    };
-    struct stat our
-    {
-    };
-    if (stat(QDir::tempPath().toLocal8Bit().constData(), &our) != 0)
-        return false;
-    if (stat(seen.constData(), &their) != 0)
-        return QDir::cleanPath(theirs) == QDir::tempPath();
-    return their.st_dev == our.st_dev && their.st_ino == our.st_ino;
+    const QString seen = u"/proc/%1/"_s.arg(pid) + base + theirs;
+    std::error_code unknown;
+    return std::filesystem::equivalent(seen.toStdString(), QDir::tempPath().toStdString(), unknown);
 }
 
 void checkProcessFolder(Report &report, unsigned long pid)

@@ -19,9 +19,7 @@ bool initialize(Report &report, ServerProcess &server)
     const QJsonObject params { { u"protocolVersion"_s, u"2025-06-18"_s },
                                { u"capabilities"_s, QJsonObject() },
                                { u"clientInfo"_s, client } };
-    ServerProcess::Answer answer;
-    if (server.start(serverPath(), &answer.error))
-        answer = server.ask(u"initialize"_s, params, AnswerMs);
+    const ServerProcess::Answer answer = server.ask(u"initialize"_s, params, AnswerMs);
     const QString broken = u"The server does not work: %1."_s.arg(answer.error);
     report.judge(u"initialize"_s,
                  { { answer.error.isEmpty(), Outcome::Ok,
@@ -75,7 +73,7 @@ void checkConversation(Report &report, bool launch)
     const QFileInfo file(serverPath());
     if (!file.isFile() || !file.isExecutable())
         return; // reported by checkInstallation()
-    ServerProcess server;
+    ServerProcess server(serverPath());
     if (initialize(report, server) && listTools(report, server) && askStatus(report, server)
         && launch)
         checkLaunch(report, server);

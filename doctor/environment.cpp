@@ -7,8 +7,9 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
+#include <filesystem>
+
 #include <pwd.h>
-#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/un.h>
 
@@ -63,10 +64,8 @@ void checkTemporaryFolder(Report &report)
 
 bool isSocket(const QString &path)
 {
-    struct stat status
-    {
-    };
-    return stat(path.toLocal8Bit().constData(), &status) == 0 && S_ISSOCK(status.st_mode);
+    std::error_code unknown;
+    return std::filesystem::is_socket(path.toStdString(), unknown);
 }
 
 // What is known of one display: the socket behind it, and whether that is there.

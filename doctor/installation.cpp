@@ -22,11 +22,9 @@ bool isBroken(Report &report, const QString &name, const QString &path)
     const QFileInfo file(path);
     return report.judge(
             name,
-            { { !file.exists(), Outcome::Fault, u"There is no %1."_s.arg(path),
+            { { !file.isFile(), Outcome::Fault, u"There is no file %1."_s.arg(path),
                 u"The server and the application must lie side by side: install both into one "
                 "folder, or use the server of the folder where Orrery is."_s },
-              { !file.isFile(), Outcome::Fault, u"%1 is not a file."_s.arg(path),
-                u"Install it again."_s },
               { !file.isExecutable(), Outcome::Fault, u"%1 may not be executed."_s.arg(path),
                 u"Make it executable (chmod +x), or install it again; a file system mounted "
                 "noexec does not do."_s } });

@@ -55,7 +55,7 @@ struct Orphans
     bool areGone()
     {
         const QByteArray children = procText(u"/proc/self/task/%1/children"_s.arg(getpid()));
-        return haveEnded() && (children.isEmpty() || children.trimmed().toLongLong() == server);
+        return haveEnded() && children.trimmed().toLongLong() == server;
     }
 };
 

@@ -13,15 +13,9 @@ constexpr qsizetype MaxTextLength = 1'000; // a variable may hold megabytes
 
 QString outcomeName(Outcome outcome)
 {
-    switch (outcome) {
-    case Outcome::Ok:
-        return u"ok"_s;
-    case Outcome::Warning:
-        return u"warning"_s;
-    case Outcome::Fault:
-        break;
-    }
-    return u"fault"_s;
+    return outcome == Outcome::Ok        ? u"ok"_s
+           : outcome == Outcome::Warning ? u"warning"_s
+                                         : u"fault"_s;
 }
 
 // Paths and other programs' words may hold anything, escape sequences included.

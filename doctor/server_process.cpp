@@ -10,7 +10,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int StartMs = 5'000;
 constexpr int EndMs = 2'000;
 constexpr int WaitSliceMs = 100;
 constexpr unsigned long ClosedPauseMs = 10; // nothing waits for an output that was closed
@@ -20,7 +19,13 @@ constexpr qsizetype QuotedLines = 10;
 
 } // namespace
 
-ServerProcess::ServerProcess() = default;
+ServerProcess::ServerProcess(const QString &program)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(u"ORRERY_MCP_DEBUG"_s, u"1"_s);
+    process.setProcessEnvironment(environment);
+    process.start(program, {});
+}
 
 ServerProcess::~ServerProcess() { stop(); }
 
@@ -31,18 +36,6 @@ void ServerProcess::stop()
         return;
     process.kill();
     (void)process.waitForFinished(EndMs);
-}
-
-bool ServerProcess::start(const QString &program, QString *error)
-{
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(u"ORRERY_MCP_DEBUG"_s, u"1"_s);
-    process.setProcessEnvironment(environment);
-    process.start(program, {});
-    if (process.waitForStarted(StartMs))
-        return true;
-    *error = process.errorString();
-    return false;
 }
 
 ServerProcess::Answer ServerProcess::ask(const QString &method, const QJsonObject &params,
@@ -102,6 +95,8 @@ bool ServerProcess::takeAnswer(int id, QJsonObject *answer)
 
 QString ServerProcess::endText()
 {
+    if (process.error() == QProcess::FailedToStart)
+        return process.errorString();
     const QString status = process.exitStatus() == QProcess::NormalExit
                                    ? u"it ended with exit status %1"_s.arg(process.exitCode())
                                    : u"it was ended by signal %1"_s.arg(process.exitCode());

@@ -18,13 +18,12 @@ public:
         qint64 tookMs = 0;
     };
 
-    ServerProcess();
+    // Starts the file, so that it says on standard error what it meets. Whether that went well is
+    // for the first request to tell.
+    explicit ServerProcess(const QString &program);
     ~ServerProcess();
     ServerProcess(const ServerProcess &) = delete;
     ServerProcess &operator=(const ServerProcess &) = delete;
-
-    // Starts the file, so that it says on standard error what it meets. On false, *error says why.
-    [[nodiscard]] bool start(const QString &program, QString *error);
 
     // Sends a request and waits limitMs for its result. There is none when no answer or an error
     // came, the server ended, or giveUp, asked now and then, returned true.

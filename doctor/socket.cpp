@@ -3,8 +3,11 @@
 #include "orrery_control.h"
 #include "report.h"
 
+#include <QDir>
 #include <QFileInfo>
 #include <QLocalSocket>
+
+#include <filesystem>
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -87,17 +90,16 @@ void checkHolder(Report &report, bool isForeign, bool isRunning)
 
 void checkSocket(Report &report)
 {
+    if (QDir::tempPath().isEmpty())
+        return; // a TMPDIR that leads nowhere, which has been reported
     const QString path = socketPath();
-    const QByteArray file = path.toLocal8Bit();
     const bool isRunning = HostProcess::findApp() != 0;
     struct stat own
     {
     };
-    struct stat target // of a link, which counts as what it leads to
-    {
-    };
-    const bool isThere = lstat(file.constData(), &own) == 0;
-    const bool isSocket = stat(file.constData(), &target) == 0 && S_ISSOCK(target.st_mode);
+    const bool isThere = lstat(path.toLocal8Bit().constData(), &own) == 0;
+    std::error_code unknown; // a link counts as what it leads to
+    const bool isSocket = std::filesystem::is_socket(path.toStdString(), unknown);
     const bool isForeign = isThere && own.st_uid != getuid();
     report.judge(
             u"socket"_s,

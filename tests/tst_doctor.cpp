@@ -32,6 +32,7 @@ taken() {
     start other ./orrery; start $tmp ./orrery; mv $pipe $tmp/orrery-control-65534
 }
 tmp=$PWD/tmp pipe=$PWD/tmp/orrery-control-$(id -u)
+nobody='setpriv --reuid 65534 --regid 65534 --clear-groups'
 )";
 constexpr auto Nobody
         = "exec env -u TSAN_OPTIONS setpriv --reuid 65534 --regid 65534 --clear-groups";
@@ -64,8 +65,15 @@ constexpr Situation situations[] {
       "(orrery) of another user, root (0)", Nobody },
     { "another's Orrery", "start $tmp ./orrery", "", "", "",
       "not run as you, nobody (65534), but as root (0)", Nobody },
-    { "nobody's Orrery", "start $tmp ./orrery 'setpriv --reuid 65534 --clear-groups'", "", "", "",
-      "but as nobody (65534)", "exec setpriv --reuid 0" },
+    { "nobody's Orrery", "start $tmp ./orrery \"$nobody\"", "", "", "", "but as nobody (65534)",
+      "exec setpriv --reuid 0" },
+    { "a socket for nobody", "start $tmp ./orrery \"$nobody\"; chmod 0 $tmp/*", "", "",
+      "holder status", "You may not connect", Nobody },
+    { "Orrery in a container",
+      "echo 'mount -t tmpfs none tmp && exec ./orrery' >s; start $tmp s 'unshare -m sh'", "", "",
+      "app-tmpdir socket status", "file system view", "exec unshare -m" },
+    { "the client in a container", "start $tmp ./orrery", "", "", "holder",
+      "inside another container", "exec unshare -pf" },
     { "no application", "rm orrery", "", "", "application", "There is no" },
     { "no server", "rm orrery-mcp", "", "", "server", "There is no" },
     { "not executable", "chmod -x orrery", "", Launch, "application", "Nothing was launched" },
@@ -79,7 +87,7 @@ constexpr Situation situations[] {
     { "its last words", "", "APPDIR=@ APPIMAGE=@/fails", Launch, "launch", "| no ?[31mdisplay" },
     { "dies when greeted", R"(echo '[{"exit":1}]' >hello.json)", "", Launch, "launch",
       "it stayed for" },
-    { "refuses", "cp refusal hello.json", "", Launch, "launch", "Orrery error [no]" },
+    { "refuses", "cp refusal hello.json", "", Launch, "launch", "refuses. -> Its own words" },
     { "hangs up", R"(echo '[{"close":1}]' >hello.json)", "", Launch, "launch",
       "and closed the connection after" },
     { "is silent", R"(cp $HASTY orrery-mcp; echo '[{"wait":60000}]' >hello.json)", "", Launch,
