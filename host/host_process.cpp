@@ -8,6 +8,7 @@
 
 #include <climits>
 #include <csignal>
+#include <filesystem>
 #include <limits>
 
 #include <poll.h>
@@ -23,11 +24,15 @@ enum class Owner { User, Others };
 
 QString appName() { return OrreryControl::exeName(u"orrery"_s); }
 
-// The kernel's name of a process, which the process may change.
-QByteArray processName(unsigned long pid)
+// Whether the kernel does not tell us which file a process executes, and calls it as ours; one that
+// has just ended executes none.
+bool isHiddenNamesake(const QString &pid)
 {
-    QFile file(u"/proc/%1/comm"_s.arg(pid));
-    return file.open(QIODevice::ReadOnly) ? file.readLine().trimmed() : QByteArray();
+    std::error_code error;
+    (void)std::filesystem::read_symlink(("/proc/"_L1 + pid + "/exe"_L1).toStdString(), error);
+    QFile name("/proc/"_L1 + pid + "/comm"_L1);
+    return error == std::errc::permission_denied && name.open(QIODevice::ReadOnly)
+           && name.readLine().trimmed() == appName().toLocal8Bit();
 }
 
 // The first processes of the application in listing order, at most limit of them: looking at a
@@ -53,9 +58,8 @@ QList<unsigned long> search(qsizetype limit, Owner owner)
         if (stat(("/proc/"_L1 + entry).toLocal8Bit().constData(), &status) != 0
             || (status.st_uid == getuid()) != (owner == Owner::User))
             continue;
-        const QString image = OrreryControl::processImagePath(pid);
-        const bool isHidden = owner == Owner::Others && image.isEmpty();
-        if (isHidden ? processName(pid) == appName().toLocal8Bit() : image == appPath)
+        if (OrreryControl::processImagePath(pid) == appPath
+            || (owner == Owner::Others && isHiddenNamesake(entry)))
             found += pid;
         if (found.size() == limit)
             break;

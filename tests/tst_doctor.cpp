@@ -19,7 +19,7 @@ struct Situation
     const char *option;
     const char *faults;
     const char *said;
-    const char *through = "exec"; // how sh starts the doctor; where that is not permitted, it skips
+    const char *through = ""; // what executes the doctor; where that is not permitted, it skips
 };
 
 // start TMPDIR PROGRAM [WRAPPER]; taken, where the doctor runs as nobody
@@ -31,12 +31,10 @@ start() {
 taken() {
     start other ./orrery; start $tmp ./orrery; mv $pipe $tmp/orrery-control-65534
 }
-tmp=$PWD/tmp pipe=$PWD/tmp/orrery-control-$(id -u)
-nobody='setpriv --reuid 65534 --regid 65534 --clear-groups'
+nobody='%1' tmp=$PWD/tmp pipe=$PWD/tmp/orrery-control-$(id -u)
 )";
-constexpr auto Nobody
-        = "exec env -u TSAN_OPTIONS setpriv --reuid 65534 --regid 65534 --clear-groups";
-constexpr auto FullFolder = "exec unshare -rm sh -c 'mount -t tmpfs -o nr_inodes=1 none tmp && "
+constexpr auto Nobody = "env -u TSAN_OPTIONS setpriv --reuid 65534 --regid 65534 --clear-groups";
+constexpr auto FullFolder = "unshare -rm sh -c 'mount -t tmpfs -o nr_inodes=1 none tmp && "
                             "exec \"$0\" \"$@\"'";
 constexpr auto Launch = "--launch";
 
@@ -66,14 +64,18 @@ constexpr Situation situations[] {
     { "another's Orrery", "start $tmp ./orrery", "", "", "",
       "not run as you, nobody (65534), but as root (0)", Nobody },
     { "nobody's Orrery", "start $tmp ./orrery \"$nobody\"", "", "", "", "but as nobody (65534)",
-      "exec setpriv --reuid 0" },
+      "setpriv --reuid 0" },
+    { "nobody's ended Orrery",
+      "(start $tmp ./orrery \"$nobody\"; kill $!; echo $! >pid; exec sleep 9) &"
+      "until test -s pid && ! test -e /proc/$(cat pid)/exe; do sleep 0.01; done; rm $tmp/*",
+      "", "", "", "ok      process", "setpriv --reuid 0" },
     { "a socket for nobody", "start $tmp ./orrery \"$nobody\"; chmod 0 $tmp/*", "", "",
       "holder status", "You may not connect", Nobody },
     { "Orrery in a container",
       "echo 'mount -t tmpfs none tmp && exec ./orrery' >s; start $tmp s 'unshare -m sh'", "", "",
-      "app-tmpdir socket status", "file system view", "exec unshare -m" },
+      "app-tmpdir socket status", "file system view", "unshare -m" },
     { "the client in a container", "start $tmp ./orrery", "", "", "holder",
-      "inside another container", "exec unshare -pf" },
+      "inside another container", "unshare -pf --mount-proc" },
     { "no application", "rm orrery", "", "", "application", "There is no" },
     { "no server", "rm orrery-mcp", "", "", "server", "There is no" },
     { "not executable", "chmod -x orrery", "", Launch, "application", "Nothing was launched" },
@@ -100,8 +102,7 @@ constexpr Situation situations[] {
     { "server of another user", "start other ./orrery; chmod u+s orrery-mcp", "", "", "initialize",
       "chmod u-s", Nobody },
     { "TMPDIR nowhere", "", "TMPDIR=/no\033where", "", "tmpdir", "no folder" },
-    { "TMPDIR in Latin-1", "", "", "", "tmpdir", "no UTF-8",
-      "exec env TMPDIR=$(printf '/t\\344mp')" },
+    { "TMPDIR in Latin-1", "", "", "", "tmpdir", "no UTF-8", "env TMPDIR=$(printf '/t\\344mp')" },
     { "relative TMPDIR", "", "TMPDIR=.", "", "", "relative to wherever" },
     { "long TMPDIR", "mkdir -p $PWD$PWD$PWD$PWD/tmp", "TMPDIR=@@@@/tmp", "", "tmpdir", "too long" },
     { "full TMPDIR", "", "", "", "", "it is full", FullFolder },
@@ -149,13 +150,14 @@ public:
     }
 
     // The doctor, which waits for nothing that cannot come: that would take it half a minute.
-    std::unique_ptr<Child> examine(const QStringList &options, const QString &through = u"exec"_s)
+    std::unique_ptr<Child> examine(const QStringList &options, const QString &through = {})
     {
-        auto doctor = std::make_unique<Child>(
-                u"sh"_s,
-                QStringList { u"-c"_s, through + u" \"$0\" \"$@\""_s, path(u"orrery-mcp-doctor"_s) }
-                        + options,
-                environment);
+        auto doctor = std::make_unique<Child>(u"sh"_s,
+                                              QStringList { u"-c"_s,
+                                                            u"exec %1 \"$0\" \"$@\""_s.arg(through),
+                                                            path(u"orrery-mcp-doctor"_s) }
+                                                      + options,
+                                              environment);
         doctor->process.setWorkingDirectory(folder());
         doctor->process.setProcessChannelMode(QProcess::MergedChannels);
         doctor->process.start();
@@ -221,13 +223,14 @@ private Q_SLOTS:
         for (size_t json : { 0U, 1U }) {
             Practice &home = homes[json];
             QVERIFY(home.ready);
-            if (!home.shell('(' + through.toUtf8() + " true)"))
+            if (!home.shell("(exec " + through.toUtf8() + " true)"))
                 QSKIP("not permitted here");
             QProcess prepare;
             prepare.setProcessEnvironment(home.environment);
             prepare.setWorkingDirectory(home.folder());
-            prepare.start(u"sh"_s, { u"-ec"_s, QString::fromLatin1(Functions)
-                                                       + QString::fromLatin1(situation.prepare) });
+            prepare.start(u"sh"_s,
+                          { u"-ec"_s, QString::fromLatin1(Functions).arg(QLatin1StringView(Nobody))
+                                              + QString::fromLatin1(situation.prepare) });
             QVERIFY(prepare.waitForFinished(PatienceMs));
             QVERIFY2(prepare.exitCode() == 0, prepare.readAllStandardError());
             QFile::remove(home.path(u"starts"_s));
@@ -318,10 +321,10 @@ private Q_SLOTS:
         {
             QString option, through, said;
             int exitStatus;
-        } rows[] { { u"--help"_s, u"exec"_s, u"Usage"_s, 0 },
-                   { u"--no-such"_s, u"exec"_s, u"no-such"_s, 2 },
-                   { u"operand"_s, u"exec"_s, u"operand"_s, 2 },
-                   { u"--json"_s, u"exec >/dev/full; exec"_s, u"cannot be written"_s, 2 } };
+        } rows[] { { u"--help"_s, {}, u"Usage"_s, 0 },
+                   { u"--no-such"_s, {}, u"no-such"_s, 2 },
+                   { u"operand"_s, {}, u"operand"_s, 2 },
+                   { u"--json"_s, u">/dev/full"_s, u"cannot be written"_s, 2 } };
         for (const auto &row : rows) {
             int exitStatus = -1;
             const QString text
