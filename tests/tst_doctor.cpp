@@ -43,7 +43,11 @@ constexpr Situation situations[] {
     { "all well", "start $tmp ./orrery", "", Launch, "", "runs already, and answered" },
     { "runs twice", "start $tmp ./orrery; start other ./orrery", "", "", "app-tmpdir",
       "runs 2 times" },
-    { "stopped", "start $tmp ./orrery; kill -STOP $!", "", "", "process", "is stopped" },
+    { "stopped",
+      "start $tmp ./orrery; kill -STOP $!; until grep -q '^State:.T' /proc/$!/status; do sleep "
+      "0.01;"
+      "done",
+      "", "", "process", "is stopped" },
     { "other TMPDIR", "start other ./orrery", "", "", "app-tmpdir socket status", "cannot meet" },
     { "linked TMPDIR", "ln -s tmp link; start link ./orrery", "", "", "", "folder, link" },
     { "another one", "start $tmp other/orrery", "", "", "holder", "other/orrery, not" },
