@@ -101,6 +101,7 @@ constexpr Situation situations[] {
     { "comes up elsewhere", "cp $HASTY orrery-mcp", "APPDIR=@ APPIMAGE=@/elsewhere", Launch,
       "launch", "Orrery's socket did not come up" },
     { "server dies", "cp fails orrery-mcp", "", "", "initialize", "exit status 3: no" },
+    { "server cut off", ": >orrery-mcp", "", "", "initialize", "Exec format error" },
     { "server hangs", "printf '#!/bin/sh\nexec sleep 99' >orrery-mcp", "", "", "initialize",
       "no answer within" },
     { "server of another user", "start other ./orrery; chmod u+s orrery-mcp", "", "", "initialize",
