@@ -7,3 +7,5 @@ case ${1:-} in
     ;;
 esac
 cd "$(dirname "$0")/.."
+# Qt 6.8 complains at length, program by program, where text is not UTF-8.
+[ "$(locale charmap 2>/dev/null)" = UTF-8 ] || export LC_ALL=C.UTF-8
