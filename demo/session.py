@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import queue
+import shutil
 import signal
 import subprocess
 import sys
@@ -93,9 +94,13 @@ def step(text):
 def main(folder):
     for ending in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(ending, lambda number, _: sys.exit(128 + number))
-    # Not below FOLDER, whose path may be too long for a socket's.
-    with tempfile.TemporaryDirectory(prefix="orrery-demo-", dir="/tmp") as temporary:
-        client = Client(folder, temporary)
+    # An installation of its own, because FOLDER's application may be running for another client; the
+    # socket not below it, because its path may be too long for one.
+    with tempfile.TemporaryDirectory(prefix="session-", dir=folder) as own, \
+            tempfile.TemporaryDirectory(prefix="orrery-demo-", dir="/tmp") as temporary:
+        for program in ("orrery-mcp", "orrery"):
+            shutil.copy(folder / program, own)
+        client = Client(pathlib.Path(own), temporary)
         try:
             play(client, folder)
         finally:
