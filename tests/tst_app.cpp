@@ -268,7 +268,7 @@ private Q_SLOTS:
         }
     }
 
-    void keepsTheLimitWhileItWrites()
+    void keepsTheLimitFromWhenTheRequestIsOut()
     {
         HastyInstallation home;
         home.environment.insert(u"FAKE_SLOW"_s, u"100"_s);
@@ -276,10 +276,8 @@ private Q_SLOTS:
         Server server(home);
         QElapsedTimer timer;
         timer.start();
-        QCOMPARE(resultText(server.call(u"get_vm"_s, { { u"x"_s, QString(6'000'000, u'x') } })),
-                 u"Orrery call failed: Orrery did not answer in time"_s);
-        QVERIFY(timer.elapsed() >= 5 * HastyInstallation::MinuteMs);
-        QVERIFY(timer.elapsed() < 7'000); // all of it would take longer
+        QVERIFY(!isError(server.call(u"get_vm"_s, { { u"x"_s, QString(3'000'000, u'x') } })));
+        QVERIFY(timer.elapsed() >= 5 * HastyInstallation::MinuteMs); // or it tells nothing
     }
 
     // All combinations of missing standard streams: no socket may land on one.

@@ -9,6 +9,12 @@ QByteArray cancelled(const QByteArray &requestId)
     return R"({"method":"notifications/cancelled","params":{"requestId":)" + requestId + "}}";
 }
 
+// A step that sends events without end.
+QByteArray flood()
+{
+    return compact({ { u"send"_s, u"{\"method\":\"e\"}\n"_s }, { u"times"_s, 1'000'000'000 } });
+}
+
 // Rows from a file of transcripts: "# name", then lines that the client sends (>), that the
 // application sends (=) and that the client gets (<).
 void addTranscripts(const QString &path)
@@ -243,37 +249,120 @@ private Q_SLOTS:
                  u"Orrery call failed: cancelled by the client"_s);
     }
 
-    // An application that writes before it reads.
+    // An application that writes before it reads, and a client that takes nothing for a while.
     void takesInWhatIsSaidWhileItWrites()
     {
         constexpr int Events = 100'000;
-        const Installation home;
+        const HastyInstallation home;
         const Application app(home);
         Server server(home);
         const QByteArray events
                 = ',' + compact({ { u"send"_s, u"{\"method\":$n}\n"_s }, { u"times"_s, Events } });
         QCOMPARE(resultText(server.callSteps(sendStep(Answer, events))), u"1"_s);
         server.send(toolCall(1, u"get_vm"_s, { { u"large"_s, QString(600'000, u'x') } }));
+        server.process.waitForBytesWritten();
+        QTest::qSleep(7 * HastyInstallation::SecondMs); // longer than a write may take
         for (int n = 0; n < Events; ++n)
             QCOMPARE(server.line(), eventLine("{\"event\":" + QByteArray::number(n) + "}"));
         QVERIFY(!isError(parsed(server.line())));
     }
 
-    // An application that answers without having read everything, and hangs up.
-    void hearsLastWordsWhileItWrites()
+    // An application that says something without end, and a client that takes it.
+    void endsWhatIsFlooded_data()
     {
+        QTest::addColumn<bool>("reads");
+        QTest::newRow("an application that reads nothing") << false;
+        QTest::newRow("a call that the client cancels") << true;
+    }
+
+    void endsWhatIsFlooded()
+    {
+        QFETCH(bool, reads);
+        const HastyInstallation home;
+        const Application app(home);
+        Server server(home);
+        const QByteArray then = ',' + flood();
+        if (reads) {
+            server.send(toolCall(7, u"job_wait"_s, withSteps(sendStep("", then))));
+        } else {
+            QVERIFY(!isError(server.callSteps(sendStep(Answer, then))));
+            server.send(toolCall(7, u"job_wait"_s, { { u"x"_s, QString(600'000, u'x') } }));
+        }
+        QElapsedTimer timer;
+        timer.start();
+        QCOMPARE(server.line(), eventLine(R"({"event":"e"})"));
+        if (reads)
+            server.send(cancelled("7"));
+        QByteArray line;
+        while ((line = server.line()).contains("notifications/message")) { }
+        QCOMPARE(resultText(parsed(line)), reads ? u"Orrery call failed: cancelled by the client"_s
+                                                 : u"Orrery call failed: write to Orrery failed"_s);
+        QVERIFY(timer.elapsed() < 20 * HastyInstallation::MinuteMs); // its limit is 31
+    }
+
+    // An application that answers without having read everything.
+    void hearsAnAnswerWhileItWrites_data()
+    {
+        QTest::addColumn<QByteArray>("then");
+        QTest::newRow("and hangs up") << QByteArray(R"({"close":1})");
+        QTest::newRow("and goes on") << QByteArray(flood());
+    }
+
+    void hearsAnAnswerWhileItWrites()
+    {
+        QFETCH(QByteArray, then);
         const Installation home;
         const Application app(home);
         Server server(home);
         const QByteArray early = "{\"method\":\"e\"}\n{\"id\":3,\"result\":\"early\"}\n";
         QCOMPARE(resultText(server.callSteps(
                          sendStep(Answer, R"(,{"wait":500},)" + sendStep(early).sliced(1).chopped(1)
-                                                  + R"(,{"close":1})"))),
+                                                  + ',' + then))),
                  u"1"_s);
+        QElapsedTimer timer;
+        timer.start();
         server.send(toolCall(1, u"get_vm"_s, { { u"large"_s, QString(3'000'000, u'x') } }));
         QCOMPARE(server.line(), eventLine("{\"event\":\"e\"}"));
         QCOMPARE(resultText(parsed(server.line())), u"early"_s);
+        QVERIFY(timer.elapsed() < 4'000); // before a write would have failed
+        QVERIFY(Sanitized || server.residentBytes() < 80 << 20);
+        QCOMPARE(resultText(server.callSteps(sendStep("{\"id\":$id,\"result\":\"fresh\"}\n"))),
+                 u"fresh"_s); // on a new connection, where what was said before does not count
+    }
+
+    // Nothing of it goes out, and the connection stays.
+    void refusesARequestThatIsTooLong()
+    {
+        const Installation home;
+        const Application app(home);
+        Server server(home);
         QVERIFY(!isError(server.call(u"get_vm"_s)));
+        server.send("{\"id\":1,\"method\":\"tools/call\",\"params\":{\"name\":\"get_vm\","
+                    "\"arguments\":{\"x\":\""
+                    + QByteArray(95'000'000, '\1') + "\"}}}");
+        QCOMPARE(resultText(parsed(server.line())),
+                 u"Orrery call failed: the request is longer than 512 MiB"_s);
+        QVERIFY(!isError(server.call(u"get_vm"_s)));
+        QCOMPARE(home.received().size(), 3); // one of them the only greeting
+    }
+
+    // A ping waits for one write and for what the pipe holds, and for no more.
+    void answersPingsBesideEvents()
+    {
+        constexpr qsizetype Write = 65'536;
+        const Installation home;
+        const Application app(home);
+        Server server(home);
+        const QByteArray steps = sendStep("", ',' + flood());
+        server.send(toolCall(1, u"get_vm"_s, withSteps(steps)));
+        QVERIFY(!server.line().isEmpty());
+        server.send(R"({"id":2,"method":"ping"})");
+        server.process.waitForBytesWritten();
+        QTest::qSleep(500); // until nothing moves any more
+        qsizetype allowed = server.process.bytesAvailable() + 3 * Write;
+        for (QByteArray line; !line.startsWith("{\"id\":2"); allowed -= line.size() + 1)
+            QVERIFY(!(line = server.line()).isEmpty());
+        QVERIFY2(allowed > 0, qPrintable(QString::number(allowed)));
     }
 
     void servesWithoutACatalogue()

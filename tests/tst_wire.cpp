@@ -224,6 +224,15 @@ void tst_wire::takesLinesHoweverTheyCome()
         QCOMPARE(taken, sent);
         QCOMPARE(buffer.rest(), QByteArrayView("rest"));
     }
+    // Many at once: the time grows with their number, not with its square.
+    LineBuffer many;
+    const QByteArray small = QByteArray("{}\n").repeated(3'000'000);
+    memcpy(many.space(small.size()).data(), small.data(), size_t(small.size()));
+    many.added(small.size());
+    qsizetype count = 0;
+    for (; many.takeLine(); ++count)
+        many.releaseTaken();
+    QCOMPARE(count, 3'000'000);
 }
 
 QTEST_GUILESS_MAIN(tst_wire)
