@@ -26,11 +26,12 @@ for name, text in pages.items():
             assert language == "sh", (name, language)
             subprocess.run(["sh", "-n"], input=snippet, text=True, check=True)
 
-# Every text that the server can answer with is explained.
-source = (root / "server/orrery_mcp.cpp").read_text(encoding="utf-8")
-for answer in re.findall(r'u"([A-Zcwuq][^"]{15,}[^" ])"_s', re.sub(r'"\s+u?"', "", source)):
-    if not answer.startswith(("Orrery error", "Orrery call failed", "Method not found")):
-        assert answer in pages["clients.md"], f"not explained: {answer}"
+# Every text that the server can answer with is explained; what comes in at a % may be anything.
+for path in sorted((root / "server").glob("*.[ch]*")):
+    code = re.sub(r"^\s*//.*$", "", path.read_text(encoding="utf-8"), flags=re.MULTILINE)
+    for text in re.findall(r'"((?:[^"\\\n]|\\.)*)"', re.sub(r'"\s*\n\s*u?"', "", code)):
+        for words in re.split(r"%\w+|\\n|['\[\]]", text.removeprefix("Orrery call failed: ") if " " in text else ""):
+            assert words.strip() in pages["clients.md"] + pages["README.md"], f"{path.name}: not explained: {text}"
 
 # The pages on the tools have them all.
 subprocess.run([sys.executable, root / "script/tools-page", "--check"], check=True)
