@@ -57,6 +57,7 @@ void putEvent(JsonWriter &lines, const QJsonObject &event)
 qint64 PipeLines::take(bool isTimed)
 {
     qint64 clientIdleMs = 0;
+    qsizetype taken = 0; // bytes
     const auto passOn = [&] {
         if (isTimed)
             clientIdleMs += writeMessageTimed(events);
@@ -65,7 +66,7 @@ qint64 PipeLines::take(bool isTimed)
         events.clear();
     };
     while (refusal.isEmpty() && !events.isTooLong()
-           && events.bytes().size() < Limits::EventBatchBytes) {
+           && std::max(taken, events.bytes().size()) < Limits::EventBatchBytes) {
         const std::optional<QByteArrayView> line = input.takeLine();
         mayHaveMore = line.has_value();
         if (!line)
@@ -75,6 +76,7 @@ qint64 PipeLines::take(bool isTimed)
             passOn();
         const qsizetype size = line->size();
         takeLine(*line);
+        taken += size + 1;
         messageHandled(size);
         if (answer)
             break; // whose picture stands in the buffer
@@ -192,7 +194,7 @@ void Exchange::wait()
     // Of a holder that has ended, nothing more comes than what is there, though another process may
     // have inherited its end of the connection.
     const bool hasEnded = isUnwritable || peers[1].revents != 0;
-    if (reads && (peers[0].revents != 0 || hasEnded))
+    if (reads && ((peers[0].revents & ~POLLOUT) != 0 || hasEnded))
         receive(hasEnded);
 }
 

@@ -25,8 +25,8 @@ public:
     PipeLines(LineBuffer &buffer, int request) : input(buffer), requestId(request) { }
 
     // Works through what was received: passes events on to the client, and drops answers to other
-    // requests. Ends with the answer, with a line that is refused, with as many events as go out in
-    // one write, or when no whole line is left. If isTimed, gives the milliseconds in which the
+    // requests. Ends with the answer, with a line that is refused, with as much as goes out in one
+    // write, or when no whole line is left. If isTimed, gives the milliseconds in which the
     // client took none of the events, see writeMessageTimed().
     qint64 take(bool isTimed);
 

@@ -144,9 +144,12 @@ bool Pipe::call(const QString &method, const QJsonObject &params, Answer *respon
     releaseAnswer();
     Exchange exchange(sock, *holder, readBuffer, request.bytes(), nextId);
     const bool isAnswered = exchange.run(timeoutMs, response, error);
-    // What is half written or may still come must not meet the next exchange.
-    if (!isAnswered || !exchange.isRequestOut())
+    // What is half written or may still come must not meet the next exchange. The buffer stays
+    // where the answer's picture may lie in it.
+    if (!isAnswered)
         drop();
+    else if (!exchange.isRequestOut())
+        sock.abort();
     return isAnswered;
 }
 

@@ -303,18 +303,22 @@ private Q_SLOTS:
     // An application that answers without having read everything.
     void hearsAnAnswerWhileItWrites_data()
     {
+        QTest::addColumn<QByteArray>("result");
         QTest::addColumn<QByteArray>("then");
-        QTest::newRow("and hangs up") << QByteArray(R"({"close":1})");
-        QTest::newRow("and goes on") << QByteArray(flood());
+        const QByteArray picture = "{\"imageBase64\":\"" + QByteArray(20'000, 'A') + "\"}";
+        QTest::newRow("and hangs up") << QByteArray("\"early\"") << QByteArray(R"({"close":1})");
+        QTest::newRow("and goes on") << QByteArray("\"early\"") << flood();
+        QTest::newRow("with a picture, and goes on") << picture << QByteArray(flood());
     }
 
     void hearsAnAnswerWhileItWrites()
     {
+        QFETCH(QByteArray, result);
         QFETCH(QByteArray, then);
         const Installation home;
         const Application app(home);
         Server server(home);
-        const QByteArray early = "{\"method\":\"e\"}\n{\"id\":3,\"result\":\"early\"}\n";
+        const QByteArray early = "{\"method\":\"e\"}\n{\"id\":3,\"result\":" + result + "}\n";
         QCOMPARE(resultText(server.callSteps(
                          sendStep(Answer, R"(,{"wait":500},)" + sendStep(early).sliced(1).chopped(1)
                                                   + ',' + then))),
@@ -323,7 +327,9 @@ private Q_SLOTS:
         timer.start();
         server.send(toolCall(1, u"get_vm"_s, { { u"large"_s, QString(3'000'000, u'x') } }));
         QCOMPARE(server.line(), eventLine("{\"event\":\"e\"}"));
-        QCOMPARE(resultText(parsed(server.line())), u"early"_s);
+        const QJsonValue block = parsed(server.line())["result"_L1]["content"_L1][0];
+        QCOMPARE(u'"' + block["text"_L1].toString() + block["data"_L1].toString() + u'"',
+                 QString::fromLatin1(result.mid(result.indexOf(':') + 1)).remove(u'}'));
         QVERIFY(timer.elapsed() < 4'000); // before a write would have failed
         QVERIFY(Sanitized || server.residentBytes() < 80 << 20);
         QCOMPARE(resultText(server.callSteps(sendStep("{\"id\":$id,\"result\":\"fresh\"}\n"))),
