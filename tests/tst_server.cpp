@@ -252,18 +252,22 @@ private Q_SLOTS:
     // An application that writes before it reads, and a client that takes nothing for a while.
     void takesInWhatIsSaidWhileItWrites()
     {
-        constexpr int Events = 100'000;
+        constexpr int Events = 1'000;
+        const QByteArray detail(1'000, 'x');
         const HastyInstallation home;
         const Application app(home);
         Server server(home);
-        const QByteArray events
-                = ',' + compact({ { u"send"_s, u"{\"method\":$n}\n"_s }, { u"times"_s, Events } });
-        QCOMPARE(resultText(server.callSteps(sendStep(Answer, events))), u"1"_s);
+        const QString event
+                = u"{\"method\":$n,\"params\":\"%1\"}\n"_s.arg(QLatin1StringView(detail));
+        QCOMPARE(resultText(server.callSteps(sendStep(
+                         Answer, ',' + compact({ { u"send"_s, event }, { u"times"_s, Events } })))),
+                 u"1"_s);
         server.send(toolCall(1, u"get_vm"_s, { { u"large"_s, QString(600'000, u'x') } }));
         server.process.waitForBytesWritten();
         QTest::qSleep(7 * HastyInstallation::SecondMs); // longer than a write may take
         for (int n = 0; n < Events; ++n)
-            QCOMPARE(server.line(), eventLine("{\"event\":" + QByteArray::number(n) + "}"));
+            QCOMPARE(server.line(), eventLine("{\"detail\":\"" + detail
+                                              + "\",\"event\":" + QByteArray::number(n) + "}"));
         QVERIFY(!isError(parsed(server.line())));
     }
 
