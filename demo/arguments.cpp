@@ -1,5 +1,7 @@
 #include "arguments.h"
 
+#include "host.h"
+
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -18,14 +20,22 @@ struct Range
 };
 
 const std::map<QString, Range> ranges {
-    { u"cpu"_s, { 1, MaxCpu } },         { u"ramGB"_s, { 1, MaxRamGB } },
-    { u"diskGB"_s, { 8, 2048 } },        { u"newGB"_s, { 8, 2048 } },
-    { u"width"_s, { 320, 7680 } },       { u"height"_s, { 200, 4320 } },
-    { u"scale"_s, { 0.1, 1 } },          { u"imageScale"_s, { 0.1, 1 } },
-    { u"dy"_s, { -100, 100 } },          { u"delayMs"_s, { 0, 5000 } },
-    { u"maxChars"_s, { 1, 100000 } },    { u"captureDelayMs"_s, { 0, 10000 } },
-    { u"sinceSeconds"_s, { 1, 1e9 } },   { u"connectTimeoutSeconds"_s, { 1, 60 } },
-    { u"timeoutSeconds"_s, { 1, 290 } }, { u"commandTimeoutSeconds"_s, { 1, 280 } },
+    { u"cpu"_s, { 1, static_cast<double>(hostProcessors()) } },
+    { u"ramGB"_s, { 1, static_cast<double>(hostMemoryGB()) } },
+    { u"diskGB"_s, { 8, 2048 } },
+    { u"newGB"_s, { 8, 2048 } },
+    { u"width"_s, { 320, 7680 } },
+    { u"height"_s, { 200, 4320 } },
+    { u"scale"_s, { 0.1, 1 } },
+    { u"imageScale"_s, { 0.1, 1 } },
+    { u"dy"_s, { -100, 100 } },
+    { u"delayMs"_s, { 0, 5000 } },
+    { u"maxChars"_s, { 1, 100000 } },
+    { u"captureDelayMs"_s, { 0, 10000 } },
+    { u"sinceSeconds"_s, { 1, 1e9 } },
+    { u"connectTimeoutSeconds"_s, { 1, 60 } },
+    { u"timeoutSeconds"_s, { 1, 290 } },
+    { u"commandTimeoutSeconds"_s, { 1, 280 } },
 };
 
 // A job may be waited for as long as a creation may take.

@@ -5,8 +5,7 @@
 
 #include "answers.h"
 
-constexpr int MaxCpu = 16;
-constexpr int MaxRamGB = 64;
+#include <optional>
 
 // The answer to a call of no tool of the catalogue, or with arguments that it rules out.
 std::optional<Answer> refuseArguments(const QString &tool, const QJsonObject &arguments);

@@ -1,18 +1,17 @@
 // A stand-in for the Orrery application, to try the server without it: serves the control pipe for
-// one user and lets simulated machines answer. It is a demonstration; no machine is real.
+// one user, and runs small virtual machines by QEMU.
 
+#include "host.h"
 #include "orrery_control.h"
 #include "tools.h"
 
 #include <QDir>
-#include <QGuiApplication>
-#include <QJsonArray>
+#include <QCoreApplication>
 #include <QJsonDocument>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QLockFile>
 #include <QPointer>
-#include <QTimer>
 
 #include <cstdio>
 
@@ -20,7 +19,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int TickMs = 50;
 constexpr int ConnectMs = 500;
 
 void send(QLocalSocket &client, const QJsonObject &message)
@@ -38,26 +36,21 @@ public:
           })
     {
         QObject::connect(&server, &QLocalServer::newConnection, &server, [this] { accept(); });
-        QObject::connect(&timer, &QTimer::timeout, &timer, [this] { tick(); });
-        timer.start(TickMs);
     }
 
-    bool listen()
+    // Serves once the first machine is there; gives what went wrong.
+    Later<QString> serve()
     {
+        const QString complaint = world.open();
+        if (!complaint.isEmpty())
+            co_return complaint;
+        co_await world.begin();
         server.setSocketOptions(QLocalServer::UserAccessOption);
         QLocalServer::removeServer(OrreryControl::pipeName()); // of a run that was killed
-        return server.listen(OrreryControl::pipeName());
+        co_return server.listen(OrreryControl::pipeName()) ? QString() : server.errorString();
     }
 
 private:
-    // A request whose answer is not there yet.
-    struct Waiting
-    {
-        QPointer<QLocalSocket> client;
-        QJsonValue id;
-        Answer answer;
-    };
-
     void accept()
     {
         while (QLocalSocket *client = server.nextPendingConnection()) {
@@ -85,48 +78,50 @@ private:
                 QCoreApplication::quit();
             return;
         }
-        waiting.push_back({ &client, id, call(world, method, request["params"_L1].toObject()) });
-        answerWaiting();
+        answer(&client, id, method, request["params"_L1].toObject());
     }
 
-    // Sends what is ready; whoever went away gets nothing.
-    void answerWaiting()
+    // Whoever went away gets nothing, but what the call keeps has to stay until it has ended.
+    Later<bool> answer(QPointer<QLocalSocket> client, QJsonValue id, QString method,
+                       QJsonObject arguments)
     {
-        std::erase_if(waiting, [](Waiting &call) {
-            if (!call.client)
-                return true;
-            if (call.answer.later) {
-                std::optional<Answer> answer = call.answer.later();
-                if (!answer)
-                    return false;
-                call.answer = *std::move(answer);
-            }
-            call.answer.body["id"_L1] = call.id;
-            send(*call.client, call.answer.body);
-            return true;
-        });
+        const auto place = waiting.insert(waiting.end(), client);
+        Call call { world, arguments, [client] { return !client.isNull(); }, {}, {} };
+        Answer body = co_await carryOut(method, call);
+        waiting.erase(place);
+        body["id"_L1] = id;
+        if (client)
+            send(*client, body);
+        co_return true;
     }
 
     // To those who wait for an answer: nobody else reads.
     void broadcast(const QString &event, const QJsonObject &detail)
     {
-        for (const Waiting &call : waiting) {
-            if (call.client)
-                send(*call.client, { { u"method"_s, event }, { u"params"_s, detail } });
+        for (const auto &client : waiting) {
+            if (client)
+                send(*client, { { u"method"_s, event }, { u"params"_s, detail } });
         }
     }
 
-    void tick()
-    {
-        world.tick();
-        answerWaiting();
-    }
-
     QLocalServer server;
-    QTimer timer;
     World world;
-    std::list<Waiting> waiting;
+    std::list<QPointer<QLocalSocket>> waiting;
 };
+
+Later<bool> serveOrQuit(ControlServer &server)
+{
+    const QString complaint = co_await server.serve();
+    if (complaint.isEmpty()) {
+        std::puts("orrery (demonstration): serving virtual machines");
+        std::fflush(stdout);
+    } else {
+        std::fprintf(stderr, "orrery (demonstration): cannot serve the control pipe: %s\n",
+                     qUtf8Printable(complaint));
+        QCoreApplication::exit(1);
+    }
+    co_return true;
+}
 
 bool somebodyServes()
 {
@@ -139,8 +134,7 @@ bool somebodyServes()
 
 int main(int argc, char *argv[])
 {
-    qputenv("QT_QPA_PLATFORM", "offscreen"); // pictures are painted, no window is shown
-    QGuiApplication app(argc, argv);
+    QCoreApplication app(argc, argv);
 
     // The lock decides between two that start at the same moment.
     QLockFile lock(QDir::temp().filePath(OrreryControl::pipeName() + ".lock"_L1));
@@ -149,12 +143,9 @@ int main(int argc, char *argv[])
         std::fputs("orrery (demonstration): the control pipe is served already\n", stderr);
         return 1;
     }
+    if (const QString missing = missingOnHost(); !missing.isEmpty())
+        std::fprintf(stderr, "orrery (demonstration): %s\n", qUtf8Printable(missing));
     ControlServer server;
-    if (!server.listen()) {
-        std::fputs("orrery (demonstration): cannot serve the control pipe\n", stderr);
-        return 1;
-    }
-    std::puts("orrery (demonstration): serving simulated machines; nothing here is real");
-    std::fflush(stdout);
-    return QGuiApplication::exec();
+    serveOrQuit(server);
+    return QCoreApplication::exec();
 }

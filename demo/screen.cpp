@@ -1,45 +1,131 @@
 #include "screen.h"
 
-#include "machine.h"
-
 #include <QBuffer>
-#include <QDir>
-#include <QFontDatabase>
-#include <QImage>
+#include <QFile>
 #include <QJsonArray>
-#include <QPainter>
 #include <QTemporaryFile>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int LineHeight = 22;
-constexpr int Margin = 16;
+constexpr int TextWidth = 720; // of 80 columns; text mode alone has it
+constexpr int TextHeight = 400;
+constexpr int Columns = 80;
+constexpr qsizetype TextBytes = 0x8000;
+constexpr int PollMs = 20;
 
-QImage paintScreen(const Machine &machine)
+// The code page of VGA's font: first what it has for control characters, then its upper half.
+constexpr QStringView ControlGlyphs = u" ☺☻♥♦♣♠•◘○◙♂♀♪♫☼►◄↕‼¶§▬↨↑↓→←∟↔▲▼";
+constexpr QStringView UpperGlyphs
+        = u"ÇüéâäàåçêëèïîìÄÅÉæÆôöòûùÿÖÜ¢£¥₧ƒáíóúñÑªº¿⌐¬½¼¡«»░▒▓│┤╡╢╖╕╣║╗╝╜╛┐"
+          "└┴┬├─┼╞╟╚╔╩╦╠═╬╧╨╤╥╙╘╒╓╫╪┘┌█▄▌▐▀αßΓπΣσµτΦΘΩδ∞φε∩≡±≥≤⌠⌡÷≈°∙·√ⁿ²■ ";
+
+QChar glyph(uchar code)
 {
-    QImage screen(machine.display(), QImage::Format_RGB32);
-    screen.fill(QColor(18, 22, 32));
-    QPainter painter(&screen);
-    painter.fillRect(0, 0, screen.width(), 2 * Margin, QColor(52, 84, 138));
-    QFont font = QFontDatabase::systemFont(QFontDatabase::FixedFont);
-    font.setPixelSize(15);
-    painter.setFont(font);
-    painter.setPen(Qt::white);
-    painter.drawText(Margin, LineHeight,
-                     machine.text("name"_L1) + " - demonstration, no real machine"_L1);
-    painter.setPen(QColor(190, 220, 190));
-    int y = 2 * Margin + LineHeight;
-    const QStringList lines = machine.screenLines();
-    for (const QString &line : lines) {
-        painter.drawText(Margin, y, line);
-        y += LineHeight;
+    return code < 0x20 ? ControlGlyphs[code] : code < 0x80 ? QChar(ushort { code }) : UpperGlyphs[code - 0x80];
+}
+
+// A file in the machine's folder that QEMU writes for us, gone with this object.
+class Handover
+{
+public:
+    explicit Handover(const MachinePtr &machine)
+        : name(u"handover-%1"_s.arg(++lastNumber)), path(machine->file(name))
+    {
     }
-    return screen;
+    ~Handover() { QFile::remove(path); }
+    Q_DISABLE_COPY_MOVE(Handover)
+
+    QByteArray read() const
+    {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+private:
+    static inline int lastNumber = 0;
+
+public:
+    const QString name;
+    const QString path;
+};
+
+// Of "portb[0x03d5] = 4f".
+int portValue(const QJsonObject &answer)
+{
+    return answer["return"_L1].toString().trimmed().section(u' ', -1).toInt(nullptr, 16);
+}
+
+QStringList linesOf(const QByteArray &memory, int start, int rows)
+{
+    QStringList lines;
+    for (int row = 0; row < rows; ++row) {
+        QString line;
+        for (int column = 0; column < Columns; ++column) {
+            const qsizetype cell = start + row * Columns + column;
+            line += glyph(static_cast<uchar>(memory[2 * cell % TextBytes]));
+        }
+        while (line.endsWith(u' '))
+            line.chop(1);
+        lines += line;
+    }
+    while (!lines.isEmpty() && lines.last().isEmpty())
+        lines.removeLast();
+    return lines;
 }
 
 } // namespace
+
+Later<QImage> takePicture(MachinePtr machine)
+{
+    if (!machine->qemu)
+        co_return {};
+    const Handover file(machine);
+    const Later<QJsonObject> dumped
+            = machine->qemu->command(u"screendump"_s, { { u"filename"_s, file.name } });
+    co_await dumped;
+    const QImage image = QImage::fromData(file.read());
+    if (!image.isNull())
+        machine->settings["display"_L1]
+                = QJsonObject { { u"width"_s, image.width() }, { u"height"_s, image.height() } };
+    co_return image;
+}
+
+Later<std::optional<QStringList>> readText(MachinePtr machine)
+{
+    const QImage picture = co_await takePicture(machine);
+    while (machine->textIsRead)
+        co_await pause(PollMs);
+    if (picture.size() != QSize(TextWidth, TextHeight) || !machine->qemu)
+        co_return std::nullopt;
+    machine->textIsRead = true;
+    const Handover file(machine);
+    Qemu &qemu = *machine->qemu;
+    // The registers of the CRT controller are read through its index, which is the guest's: the
+    // guest stands still meanwhile, and finds the index as it was.
+    qemu.command(u"stop"_s);
+    const Later<QJsonObject> index = qemu.monitor(u"i/b 0x3d4"_s);
+    const Later<QJsonObject> high = qemu.monitor(u"i/b 0x3d4.12"_s);
+    const Later<QJsonObject> low = qemu.monitor(u"i/b 0x3d4.13"_s);
+    const Later<QJsonObject> scanLines = qemu.monitor(u"i/b 0x3d4.9"_s);
+    const Later<QJsonObject> saved = qemu.command(
+            u"pmemsave"_s,
+            { { u"val"_s, 0xb8000 }, { u"size"_s, TextBytes }, { u"filename"_s, file.name } });
+    const QJsonObject before = co_await index;
+    if (machine->qemu) {
+        machine->qemu->monitor(u"o/b 0x3d4 %1"_s.arg(portValue(before)));
+        machine->qemu->command(u"cont"_s);
+    }
+    const int start = portValue(co_await high) * 0x100 + portValue(co_await low);
+    const int cellHeight = (portValue(co_await scanLines) & 0x1f) + 1;
+    co_await saved;
+    machine->textIsRead = false;
+    const QByteArray memory = file.read();
+    if (memory.size() != TextBytes)
+        co_return std::nullopt;
+    co_return linesOf(memory, start, TextHeight / cellHeight);
+}
 
 QRect askedRegion(const QJsonObject &arguments, const QRect &screen, QString *error)
 {
@@ -60,10 +146,9 @@ QRect askedRegion(const QJsonObject &arguments, const QRect &screen, QString *er
     return {};
 }
 
-std::optional<QJsonObject> captureScreen(const Machine &machine, const QJsonObject &arguments,
+std::optional<QJsonObject> captureResult(const QImage &screen, const QJsonObject &arguments,
                                          QString *error)
 {
-    const QImage screen = paintScreen(machine);
     const QRect region = askedRegion(arguments, screen.rect(), error);
     if (region.isEmpty())
         return {};

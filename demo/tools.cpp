@@ -12,8 +12,8 @@ const std::map<QString, Tool> &allTools()
 {
     static const std::map<QString, Tool> all = [] {
         std::map<QString, Tool> byName;
-        for (const auto &subject : { hostTools(), machineTools(), hardwareTools(), folderTools(),
-                                     screenTools(), guestTools() }) {
+        for (const auto &subject : { hostTools(), machineTools(), jobTools(), hardwareTools(),
+                                     screenTools(), inputTools(), guestTools() }) {
             for (const Tool &tool : subject)
                 byName.emplace(tool.name, tool);
         }
@@ -32,7 +32,6 @@ std::optional<Answer> refuseUnless(Needs need, const Machine &machine, const QJs
                 machine.is(state), u"wrong_state"_s,
                 u"the VM is %1, but must be %2"_s.arg(machine.text("state"_L1), QString(state)));
     };
-    const QString os = machine.text("os"_L1);
     switch (need) {
     case Needs::Running:
         return mustBe("running"_L1);
@@ -48,7 +47,7 @@ std::optional<Answer> refuseUnless(Needs need, const Machine &machine, const QJs
         return refuse(machine.settings["installed"_L1].toBool(), u"not_ready"_s,
                       u"no system is installed yet (finish_install)"_s);
     case Needs::Booted:
-        return refuse(machine.hasBooted(), u"not_ready"_s,
+        return refuse(machine.booted, u"not_ready"_s,
                       u"the guest has not booted yet (wait_for_text)"_s);
     case Needs::GuestTools:
         return refuse(!machine.settings["guestTools"_L1].isNull(), u"not_ready"_s,
@@ -57,9 +56,8 @@ std::optional<Answer> refuseUnless(Needs need, const Machine &machine, const QJs
         return refuse(machine.settings["sshProvisioned"_L1].toBool(), u"not_ready"_s,
                       u"needs SSH (provision_ssh)"_s);
     case Needs::Linux:
-        return refuse(os == "linux"_L1, u"invalid_argument"_s, u"only for Linux VMs"_s);
-    case Needs::NotMacOS:
-        return refuse(os != "macOS"_L1, u"invalid_argument"_s, u"only for Linux and Windows VMs"_s);
+        return refuse(machine.text("os"_L1) == "linux"_L1, u"invalid_argument"_s,
+                      u"only for Linux VMs"_s);
     case Needs::Confirm:
         return refuse(arguments["confirm"_L1].toBool(), u"invalid_argument"_s,
                       u"confirm must be true"_s);
@@ -67,29 +65,47 @@ std::optional<Answer> refuseUnless(Needs need, const Machine &machine, const QJs
     return {};
 }
 
+// Finds the machine or job that a tool is for.
+std::optional<Answer> refuseSubject(const Tool &tool, Call &call)
+{
+    if (tool.subject == Tool::Subject::Job) {
+        call.job = call.world.findJob(call.arguments["jobId"_L1].toString());
+        if (!call.job)
+            return fail(u"not_found"_s, u"there is no job of this id (list_jobs)"_s);
+    } else if (tool.subject == Tool::Subject::Machine) {
+        call.machine = call.world.findMachine(call.arguments["id"_L1].toString());
+        if (!call.machine)
+            return fail(u"not_found"_s, u"there is no VM of this id (list_vms)"_s);
+    }
+    return {};
+}
+
 } // namespace
 
-Answer call(World &world, const QString &tool, const QJsonObject &arguments)
+QJsonObject told(const Machine &machine)
 {
-    if (const auto refusal = refuseArguments(tool, arguments))
-        return *refusal;
+    QJsonObject settings = machine.settings;
+    for (const auto &own : { "smallLinux"_L1, "account"_L1, "sshUser"_L1 })
+        settings.remove(own);
+    return settings;
+}
+
+Later<Answer> carryOut(QString tool, Call &call)
+{
+    if (const auto refusal = refuseArguments(tool, call.arguments))
+        co_return *refusal;
     const auto found = allTools().find(tool);
-    if (found == allTools().end())
-        return unavailable(); // of the application's process, which the server manages
-    const auto &[name, needs, run] = found->second;
-    if (const auto *onHost = std::get_if<OnHost>(&run))
-        return (*onHost)(world, arguments);
-    if (const auto *onJob = std::get_if<OnJob>(&run)) {
-        Job *job = world.findJob(arguments["jobId"_L1].toString());
-        return job ? (*onJob)(world, *job, arguments)
-                   : fail(u"not_found"_s, u"there is no job of this id (list_jobs)"_s);
+    if (found == allTools().end()) // of the application's process, which the server manages
+        co_return unavailable(u"the application does not have this tool"_s);
+    if (const auto refusal = refuseSubject(found->second, call))
+        co_return *refusal;
+    while (call.machine && call.machine->busy)
+        co_await pause(LookMs);
+    if (const auto refusal = refuseSubject(found->second, call)) // it may be gone meanwhile
+        co_return *refusal;
+    for (const Needs need : found->second.needs) {
+        if (const auto refusal = refuseUnless(need, *call.machine, call.arguments))
+            co_return *refusal;
     }
-    Machine *machine = world.findMachine(arguments["id"_L1].toString());
-    if (!machine)
-        return fail(u"not_found"_s, u"there is no VM of this id (list_vms)"_s);
-    for (const Needs need : needs) {
-        if (const auto refusal = refuseUnless(need, *machine, arguments))
-            return *refusal;
-    }
-    return std::get<OnMachine>(run)(world, *machine, arguments);
+    co_return co_await found->second.run(call);
 }

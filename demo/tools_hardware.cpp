@@ -1,5 +1,6 @@
-// What a machine is made of: processors and memory, disk, installer media, network.
+// What a machine is made of: processors and memory, disk, installer media, shared folders.
 
+#include "process.h"
 #include "tools.h"
 
 #include <QFileInfo>
@@ -8,63 +9,79 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-Answer setHardware(World &world, Machine &machine, const QJsonObject &arguments)
+constexpr int DiskToolMs = 60'000;
+
+Later<Answer> setHardware(const Call &call)
 {
-    if (arguments.size() < 2)
+    if (call.arguments.size() < 2)
         return wrong(u"give at least one setting to change"_s);
-    QJsonObject changed = machine.settings;
-    for (auto it = arguments.begin(); it != arguments.end(); ++it)
+    QJsonObject changed = call.machine->settings;
+    for (auto it = call.arguments.begin(); it != call.arguments.end(); ++it)
         changed[it.key()] = it.value();
-    const bool bridged = changed["network"_L1].toString() == "bridge"_L1;
-    if (!bridged && !arguments.contains("bridgeInterface"_L1))
-        changed["bridgeInterface"_L1] = QJsonValue::Null;
-    else if (changed["bridgeInterface"_L1].isNull())
-        changed["bridgeInterface"_L1] = bridgeInterfaces().first();
-    if (const QString complaint = hardwareComplaint(changed); !complaint.isEmpty())
-        return wrong(complaint);
-    if (world.lacksNetworking(arguments)) // what was chosen before may stay
-        return noNetworking();
-    machine.settings = changed;
-    return ok(changed);
+    if (const auto refusal = refuseHardware(changed))
+        return *refusal;
+    call.machine->settings = changed;
+    return ok(told(*call.machine));
 }
 
-Answer resizeDisk(World &, Machine &machine, const QJsonObject &arguments)
+Later<Answer> resizeDisk(const Call &call)
 {
-    if (arguments["newGB"_L1].toInteger() <= machine.settings["diskGB"_L1].toInteger())
-        return wrong(u"a disk can only grow"_s);
-    machine.settings["diskGB"_L1] = arguments["newGB"_L1];
-    return ok(machine.pick({ "id"_L1, "diskGB"_L1 }));
+    const int size = call.arguments["newGB"_L1].toInt();
+    if (size <= call.machine->settings["diskGB"_L1].toInt())
+        co_return wrong(u"a disk can only grow"_s);
+    call.machine->busy = true;
+    const Later<Outcome> resizing
+            = run(u"qemu-img"_s,
+                  { u"resize"_s, u"-q"_s, call.machine->file(u"disk.qcow2"_s), u"%1G"_s.arg(size) },
+                  DiskToolMs);
+    const Outcome outcome = co_await resizing;
+    call.machine->busy = false;
+    if (!outcome.succeeded())
+        co_return fail(u"failed"_s, outcome.words());
+    call.machine->settings["diskGB"_L1] = size;
+    co_return ok(call.machine->pick({ "id"_L1, "diskGB"_L1 }));
 }
 
-Answer setInstallerMedia(World &, Machine &machine, const QJsonObject &arguments)
+Later<Answer> setInstallerMedia(const Call &call)
 {
-    const QFileInfo file(arguments["path"_L1].toString());
-    if (!file.isAbsolute() || !file.isFile() || file.suffix() != "iso"_L1)
-        return wrong(u"path is not an .iso file on the host"_s);
-    machine.settings["installerMedia"_L1] = file.filePath();
-    return ok(machine.settings);
+    const QFileInfo file(call.arguments["path"_L1].toString());
+    if (!file.isAbsolute() || !file.isFile() || !file.isReadable() || file.suffix() != "iso"_L1)
+        return wrong(u"path is not a readable .iso file on the host"_s);
+    call.machine->settings["installerMedia"_L1] = file.filePath();
+    return ok(told(*call.machine));
 }
 
-Answer finishInstall(World &, Machine &machine, const QJsonObject &)
+Later<Answer> finishInstall(const Call &call)
 {
-    machine.settings["installed"_L1] = true;
-    machine.settings["installerMedia"_L1] = QJsonValue::Null;
-    return ok(machine.settings);
+    QJsonObject &settings = call.machine->settings;
+    // The tools are part of Small Linux; any other system lacks them.
+    if (settings["smallLinux"_L1].toBool())
+        settings["guestTools"_L1] = u"1.0"_s;
+    settings["installed"_L1] = true;
+    settings["installerMedia"_L1] = QJsonValue::Null;
+    return ok(told(*call.machine));
 }
 
-Answer setAttachLinuxGuestTools(World &, Machine &machine, const QJsonObject &arguments)
+Later<Answer> setAttachLinuxGuestTools(const Call &call)
 {
-    machine.settings["attachLinuxGuestTools"_L1] = arguments["enabled"_L1];
-    return ok(machine.settings);
+    if (call.arguments["enabled"_L1].toBool())
+        return unavailable(u"there is no disc of guest tools: Small Linux has them built in"_s);
+    return ok(told(*call.machine));
 }
 
-Answer setLinuxNetworkPath(World &world, Machine &machine, const QJsonObject &arguments)
+Later<Answer> setLinuxNetworkPath(const Call &)
 {
-    const QJsonObject changed { { u"linuxNetworkDriver"_s, arguments["driver"_L1] } };
-    if (world.lacksNetworking(changed))
-        return noNetworking();
-    machine.settings["linuxNetworkDriver"_L1] = arguments["driver"_L1];
-    return ok(machine.pick({ "id"_L1, "linuxNetworkDriver"_L1 }));
+    return unavailable(u"the demonstration has only the builtin driver"_s);
+}
+
+Later<Answer> noSharedFolders(const Call &)
+{
+    return unavailable(u"the kernel of Small Linux cannot share folders"_s);
+}
+
+Later<Answer> noSuchFolder(const Call &)
+{
+    return fail(u"not_found"_s, u"the VM shares no folder of this id"_s);
 }
 
 } // namespace
@@ -72,12 +89,19 @@ Answer setLinuxNetworkPath(World &world, Machine &machine, const QJsonObject &ar
 std::vector<Tool> hardwareTools()
 {
     using enum Needs;
+    using Tool::Subject::Machine;
     return {
-        { "set_hardware"_L1, { Stopped }, setHardware },
-        { "resize_disk"_L1, { Stopped, Confirm }, resizeDisk },
-        { "set_installer_media"_L1, { Stopped, NotMacOS }, setInstallerMedia },
-        { "finish_install"_L1, { Stopped }, finishInstall },
-        { "set_attach_linux_guest_tools"_L1, { Stopped, Linux }, setAttachLinuxGuestTools },
-        { "set_linux_network_path"_L1, { Linux }, setLinuxNetworkPath },
+        { "set_hardware"_L1, Machine, { Stopped }, setHardware },
+        { "resize_disk"_L1, Machine, { Stopped, Confirm }, resizeDisk },
+        { "set_installer_media"_L1, Machine, { Stopped }, setInstallerMedia },
+        { "finish_install"_L1, Machine, { Stopped }, finishInstall },
+        { "set_attach_linux_guest_tools"_L1,
+          Machine,
+          { Stopped, Linux },
+          setAttachLinuxGuestTools },
+        { "set_linux_network_path"_L1, Machine, { Linux }, setLinuxNetworkPath },
+        { "add_shared_folder"_L1, Machine, {}, noSharedFolders },
+        { "remove_shared_folder"_L1, Machine, {}, noSuchFolder },
+        { "set_shared_folder_readonly"_L1, Machine, {}, noSuchFolder },
     };
 }

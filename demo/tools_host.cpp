@@ -1,76 +1,54 @@
-// The host: what it offers, and its networking service.
+// The host: what it offers, and its networking service, which the demonstration does without.
 
-#include "arguments.h"
+#include "host.h"
 #include "tools.h"
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-Answer hostCapabilities(World &, const QJsonObject &)
+Later<Answer> hostCapabilities(const Call &call)
 {
-    return ok({ { u"maxCpu"_s, MaxCpu },
-                { u"maxRamGB"_s, MaxRamGB },
-                { u"freeDiskGB"_s, 500 },
-                { u"nestedVirt"_s, true },
+    return ok({ { u"maxCpu"_s, hostProcessors() },
+                { u"maxRamGB"_s, hostMemoryGB() },
+                { u"freeDiskGB"_s, freeDiskGB(call.world.folder()) },
+                { u"nestedVirt"_s, false },
                 { u"rosetta"_s, false },
-                { u"bridgeInterfaces"_s, QJsonArray::fromStringList(bridgeInterfaces()) } });
+                { u"bridgeInterfaces"_s, QJsonArray() } });
 }
 
-Answer listRestoreImages(World &, const QJsonObject &)
+Later<Answer> listRestoreImages(const Call &)
 {
-    return ok({ { u"images"_s, imagesFor(true) } });
+    return unavailable(u"this host cannot run macOS"_s);
 }
 
-Answer listImages(World &, const QJsonObject &)
-{
-    return ok({ { u"images"_s, imagesFor(false) } });
-}
+Later<Answer> listImages(const Call &) { return ok({ { u"images"_s, images() } }); }
 
-Answer networkingStatus(World &world, const QJsonObject &)
+Later<Answer> networkingStatus(const Call &)
 {
-    return ok({ { u"installed"_s, world.networkingInstalled },
-                { u"running"_s, world.networkingInstalled },
-                { u"version"_s, world.networkingInstalled ? u"1.0"_s : QJsonValue() },
+    return ok({ { u"installed"_s, false },
+                { u"running"_s, false },
+                { u"version"_s, QJsonValue::Null },
                 { u"problems"_s, QJsonArray() } });
 }
 
-Answer networkingInstall(World &world, const QJsonObject &arguments)
+Later<Answer> noNetworking(const Call &)
 {
-    world.networkingInstalled = true;
-    return networkingStatus(world, arguments);
-}
-
-Answer networkingRepair(World &world, const QJsonObject &arguments)
-{
-    return world.networkingInstalled
-                   ? networkingStatus(world, arguments)
-                   : fail(u"not_ready"_s, u"not installed: use networking_install"_s);
-}
-
-Answer networkingUninstall(World &world, const QJsonObject &arguments)
-{
-    for (const Machine &machine : world.machines) {
-        const bool uses = machine.text("network"_L1) == "bridge"_L1
-                          || machine.text("linuxNetworkDriver"_L1) == "service"_L1;
-        if (uses && !machine.is("stopped"_L1))
-            return fail(u"wrong_state"_s, "in use by "_L1 + machine.text("name"_L1));
-    }
-    world.networkingInstalled = false;
-    return networkingStatus(world, arguments);
+    return unavailable(u"the demonstration has no networking service"_s);
 }
 
 } // namespace
 
 std::vector<Tool> hostTools()
 {
+    using enum Tool::Subject;
     return {
-        { "host_capabilities"_L1, {}, hostCapabilities },
-        { "list_restore_images"_L1, {}, listRestoreImages },
-        { "list_images"_L1, {}, listImages },
-        { "networking_status"_L1, {}, networkingStatus },
-        { "networking_install"_L1, {}, networkingInstall },
-        { "networking_repair"_L1, {}, networkingRepair },
-        { "networking_uninstall"_L1, {}, networkingUninstall },
+        { "host_capabilities"_L1, Host, {}, hostCapabilities },
+        { "list_restore_images"_L1, Host, {}, listRestoreImages },
+        { "list_images"_L1, Host, {}, listImages },
+        { "networking_status"_L1, Host, {}, networkingStatus },
+        { "networking_install"_L1, Host, {}, noNetworking },
+        { "networking_repair"_L1, Host, {}, noNetworking },
+        { "networking_uninstall"_L1, Host, {}, noNetworking },
     };
 }

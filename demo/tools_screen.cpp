@@ -1,154 +1,71 @@
-// A machine's screen, and input to it.
+// What a machine's screen shows.
 
 #include "screen.h"
 #include "tools.h"
 
-#include <QRect>
 #include <QRegularExpression>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int MaxActions = 100;
-const QStringList keyNames { u"enter"_s, u"tab"_s,    u"escape"_s, u"space"_s,  u"backspace"_s,
-                             u"up"_s,    u"delete"_s, u"insert"_s, u"down"_s,   u"left"_s,
-                             u"right"_s, u"home"_s,   u"end"_s,    u"pageup"_s, u"pagedown"_s };
-const QStringList modifierNames { u"ctrl"_s, u"shift"_s, u"alt"_s, u"meta"_s };
-const QStringList pointedTypes { u"click"_s, u"double"_s, u"move"_s, u"drag"_s };
+constexpr int ReadAgainMs = 300;
 
-Answer setConsoleWindowSize(World &, Machine &, const QJsonObject &arguments)
+Later<Answer> noWindow(const Call &)
 {
-    return ok({ { u"width"_s, arguments["width"_L1] }, { u"height"_s, arguments["height"_L1] } });
+    return unavailable(u"the demonstration shows no windows"_s);
 }
 
-Answer setDisplayResolution(World &, Machine &machine, const QJsonObject &arguments)
+Later<Answer> setDisplayResolution(const Call &)
 {
-    const QJsonObject size { { u"width"_s, arguments["width"_L1] },
-                             { u"height"_s, arguments["height"_L1] } };
-    machine.settings["display"_L1] = size;
-    return ok(size);
+    return unavailable(u"the guest's text screen has a fixed size of 720 x 400 pixels"_s);
 }
 
-Answer capture(World &, Machine &machine, const QJsonObject &arguments)
+Later<Answer> captureScreen(const Call &call)
 {
+    const QImage screen = co_await takePicture(call.machine);
+    if (screen.isNull())
+        co_return wrongState(u"the VM has stopped"_s);
     QString error;
-    const auto picture = captureScreen(machine, arguments, &error);
-    return picture ? ok(*picture) : wrong(error);
+    const auto picture = captureResult(screen, call.arguments, &error);
+    co_return picture ? ok(*picture) : wrong(error);
 }
 
-QStringList linesMatching(const Machine &machine, const QJsonValue &pattern)
+Answer refuseText(const Machine &machine)
 {
-    static const QRegularExpression trailingBlanks(u"\\s+$"_s);
-    QStringList lines = machine.screenLines();
-    lines.replaceInStrings(trailingBlanks, QString());
-    while (!lines.isEmpty() && lines.last().isEmpty())
-        lines.removeLast();
-    return lines.filter(QRegularExpression(pattern.toString()));
+    return machine.is("running"_L1)
+                   ? unavailable(u"the screen is graphical; look at it with capture_screen"_s)
+                   : wrongState("the VM is now "_L1 + machine.text("state"_L1));
 }
 
-Answer readConsoleText(World &, Machine &machine, const QJsonObject &arguments)
+Later<Answer> readConsoleText(const Call &call)
 {
-    const QStringList lines = linesMatching(machine, arguments["pattern"_L1]);
-    return ok({ { u"text"_s, lines.join(u'\n') }, { u"lines"_s, lines.size() } });
+    const auto text = co_await readText(call.machine);
+    if (!text)
+        co_return refuseText(*call.machine);
+    const QStringList lines
+            = text->filter(QRegularExpression(call.arguments["pattern"_L1].toString()));
+    co_return ok({ { u"text"_s, lines.join(u'\n') }, { u"lines"_s, lines.size() } });
 }
 
-Answer waitForText(World &world, Machine &machine, const QJsonObject &arguments)
+Later<Answer> waitForText(const Call &call)
 {
-    return world.watch(
-            machine, arguments["timeoutSeconds"_L1].toInt(45),
-            [pattern = arguments["pattern"_L1]](const Machine &now,
-                                                bool timeUp) -> std::optional<Answer> {
-                if (!now.is("running"_L1))
-                    return fail(u"wrong_state"_s, "the VM is now "_L1 + now.text("state"_L1));
-                const QStringList lines = linesMatching(now, pattern);
-                if (lines.isEmpty() && !timeUp)
-                    return {};
-                return ok({ { u"found"_s, !lines.isEmpty() }, { u"line"_s, lines.value(0) } });
-            });
-}
-
-QString keyComplaint(const QString &key)
-{
-    static const QRegularExpression functionKey(u"^f([1-9]|1[0-2])$"_s);
-    const bool known
-            = key.size() == 1 || keyNames.contains(key) || functionKey.match(key).hasMatch();
-    return known ? QString() : "there is no key "_L1 + key;
-}
-
-// What one action lacks; empty when it can be done on a screen of that size.
-QString actionComplaint(const QJsonObject &action, const QSize &screen, double imageScale)
-{
-    const QString type = action["type"_L1].toString();
-    const auto off = [&](QLatin1StringView x, QLatin1StringView y) {
-        return !QRect({}, screen)
-                        .contains(int(action[x].toInt(-1) / imageScale),
-                                  int(action[y].toInt(-1) / imageScale));
-    };
-    const bool pointed
-            = pointedTypes.contains(type) || action.contains("x"_L1) || action.contains("y"_L1);
-    if (pointed && off("x"_L1, "y"_L1))
-        return type + " needs x and y inside the screen"_L1;
-    if (type == "drag"_L1 && off("toX"_L1, "toY"_L1))
-        return u"drag needs toX and toY inside the screen"_s;
-    if (type == "scroll"_L1 && !action.contains("dy"_L1))
-        return u"scroll needs dy"_s;
-    if (type == "text"_L1 && !action.contains("value"_L1))
-        return u"text needs value"_s;
-    const QJsonArray held = action["modifiers"_L1].toArray();
-    for (const QJsonValue &modifier : held) {
-        if (!modifierNames.contains(modifier.toString()))
-            return "there is no modifier "_L1 + modifier.toString();
+    const QRegularExpression pattern(call.arguments["pattern"_L1].toString());
+    const Later<bool> timeUp = pause(call.arguments["timeoutSeconds"_L1].toInt(45) * 1'000);
+    while (call.wanted()) {
+        const bool last = timeUp.isSet();
+        const auto text = co_await readText(call.machine);
+        if (!call.machine->is("running"_L1))
+            co_return refuseText(*call.machine);
+        const QStringList lines = text ? text->filter(pattern) : QStringList();
+        if (last && !text)
+            co_return refuseText(*call.machine);
+        if (last || !lines.isEmpty())
+            co_return ok({ { u"found"_s, !lines.isEmpty() },
+                           { u"line"_s, lines.isEmpty() ? QJsonValue() : lines[0] } });
+        co_await pause(ReadAgainMs);
     }
-    return type == "key"_L1 ? keyComplaint(action["key"_L1].toString()) : QString();
-}
-
-QString inputComplaint(const QJsonObject &arguments, const QJsonArray &actions, const QSize &screen)
-{
-    if (arguments.contains("type"_L1) == arguments.contains("actions"_L1))
-        return u"give either type or actions"_s;
-    for (const auto &ofCapture : { "captureDelayMs"_L1, "region"_L1, "scale"_L1, "format"_L1 }) {
-        if (arguments.contains(ofCapture) && !arguments["captureAfter"_L1].toBool())
-            return ofCapture + " is only for captureAfter:true"_L1;
-    }
-    if (actions.isEmpty() || actions.size() > MaxActions)
-        return u"actions must have 1 to %1 elements"_s.arg(MaxActions);
-    const double imageScale = arguments["imageScale"_L1].toDouble(1);
-    for (const QJsonValue &action : actions) {
-        const QString complaint = actionComplaint(action.toObject(), screen, imageScale);
-        if (!complaint.isEmpty())
-            return complaint;
-    }
-    QString complaint;
-    askedRegion(arguments, { {}, screen }, &complaint);
-    return complaint;
-}
-
-Answer sendInput(World &world, Machine &machine, const QJsonObject &arguments)
-{
-    const QJsonArray actions = arguments.contains("type"_L1) ? QJsonArray { arguments }
-                                                             : arguments["actions"_L1].toArray();
-    const QString complaint = inputComplaint(arguments, actions, machine.display());
-    if (!complaint.isEmpty())
-        return wrong(complaint);
-    for (const QJsonValue &action : actions) {
-        if (action["type"_L1].toString() == "text"_L1)
-            machine.typed += action["value"_L1].toString();
-        else if (action["key"_L1].toString() == "enter"_L1)
-            machine.typed += u"\n$ "_s;
-    }
-    const bool captureAfter = arguments["captureAfter"_L1].toBool();
-    const qint64 duration = actions.size() * arguments["delayMs"_L1].toInteger(50)
-                            + (captureAfter ? arguments["captureDelayMs"_L1].toInteger(500) : 0);
-    return after(duration, [=, &world, id = machine.text("id"_L1), done = actions.size()] {
-        const Machine *shown = captureAfter ? world.findMachine(id) : nullptr;
-        QString error;
-        auto result = shown ? captureScreen(*shown, arguments, &error) : QJsonObject();
-        if (!result)
-            return wrong(error);
-        result->insert("actions"_L1, done);
-        return ok(*result);
-    });
+    co_return {};
 }
 
 } // namespace
@@ -156,12 +73,12 @@ Answer sendInput(World &world, Machine &machine, const QJsonObject &arguments)
 std::vector<Tool> screenTools()
 {
     using enum Needs;
+    using Tool::Subject::Machine;
     return {
-        { "set_console_window_size"_L1, { Running }, setConsoleWindowSize },
-        { "set_display_resolution"_L1, { Running, GuestTools }, setDisplayResolution },
-        { "capture_screen"_L1, { Running }, capture },
-        { "read_console_text"_L1, { Running }, readConsoleText },
-        { "wait_for_text"_L1, { Running }, waitForText },
-        { "send_input"_L1, { Running }, sendInput },
+        { "set_console_window_size"_L1, Machine, { Running }, noWindow },
+        { "set_display_resolution"_L1, Machine, { Running, GuestTools }, setDisplayResolution },
+        { "capture_screen"_L1, Machine, { Running }, captureScreen },
+        { "read_console_text"_L1, Machine, { Running }, readConsoleText },
+        { "wait_for_text"_L1, Machine, { Running }, waitForText },
     };
 }

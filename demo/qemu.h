@@ -1,0 +1,63 @@
+// One QEMU process: its monitor (QMP), its serial line, and the line to the guest's tools. All
+// three are descriptors that it inherits, so they have no names that anybody else could use.
+
+#pragma once
+
+#include "later.h"
+
+#include <QHash>
+#include <QJsonObject>
+#include <QLocalSocket>
+#include <QProcess>
+
+struct GuestAnswer
+{
+    int exitCode = -1; // -1: the guest did not answer in time
+    QString output; // what the command said on both streams
+};
+
+class Qemu : public QObject
+{
+public:
+    struct Listener
+    {
+        std::function<void(const QString &line)> said; // on the serial line, or by QEMU itself
+        std::function<void(const QString &event)> happened; // an event of QMP, or "ready"
+        std::function<void(const QString &lastWords)> ended; // may delete this object later
+    };
+
+    // Starts it in a folder; what its lines need is added to the arguments.
+    Qemu(const QStringList &arguments, const QString &folder, Listener listener);
+    ~Qemu() override;
+
+    // A command of QMP; the answer has "return" or "error", the latter also once it has ended.
+    Later<QJsonObject> command(const QString &name, const QJsonObject &arguments = {});
+
+    // A command of the human monitor; gives what that says.
+    Later<QJsonObject> monitor(const QString &line);
+
+    // Runs a shell command as root through the guest tools; gives up after limitMs milliseconds.
+    Later<GuestAnswer> inGuest(const QString &shellCommand, int limitMs);
+
+    void kill() { process.kill(); }
+
+    // The first answer: the machine is made, and its processors could be started.
+    Later<QJsonObject> up;
+
+private:
+    void readMonitor();
+    void readAgent();
+    void readLines(QByteArray &unfinished, const QByteArray &more);
+    void end();
+
+    QProcess process;
+    QLocalSocket qmp;
+    QLocalSocket agent;
+    Listener listener;
+    QHash<qint64, Later<QJsonObject>> commands;
+    QHash<qint64, Later<GuestAnswer>> guestCommands;
+    qint64 lastId = 0;
+    QByteArray serialLine;
+    QByteArray errorLine;
+    QString lastWords;
+};
