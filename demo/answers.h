@@ -1,32 +1,92 @@
-// What a tool answers: an object with "result", or with "error".
+// Values that come later, on the event loop, and what a tool answers.
 
 #pragma once
 
-#include "later.h"
-
 #include <QJsonObject>
+#include <QTimer>
 
-using Answer = QJsonObject;
+#include <coroutine>
+#include <exception>
+#include <memory>
+#include <optional>
+
+// What an asynchronous function gives, which may be a coroutine: co_await waits for the value,
+// co_return sets it. Copies share the value; one of them at most may be waited for at a time.
+template <typename T> class Later
+{
+public:
+    struct promise_type
+    {
+        promise_type() { } // so that the coroutine's arguments do not initialise it
+        Later get_return_object() const { return later; }
+        std::suspend_never initial_suspend() const { return {}; }
+        std::suspend_never final_suspend() const noexcept { return {}; }
+        void return_value(T value) const { later.set(std::move(value)); }
+        void unhandled_exception() const { std::terminate(); }
+        Later later;
+    };
+
+    Later() = default;
+    Later(T value) { state->value = std::move(value); } // it is here already
+
+    // The first value counts; whoever waits goes on from the event loop, never inside this call.
+    void set(T value) const
+    {
+        if (state->value)
+            return;
+        state->value = std::move(value);
+        if (state->waiter)
+            QTimer::singleShot(0, [kept = state] { kept->waiter.resume(); });
+    }
+
+    bool isSet() const { return state->value.has_value(); }
+    bool await_ready() const { return isSet(); }
+    void await_suspend(std::coroutine_handle<> waiter) const { state->waiter = waiter; }
+    T await_resume() const { return *state->value; }
+
+private:
+    struct State
+    {
+        std::optional<T> value;
+        std::coroutine_handle<> waiter;
+    };
+    std::shared_ptr<State> state = std::make_shared<State>();
+};
+
+// Is there after that many milliseconds.
+inline Later<bool> pause(int ms)
+{
+    Later<bool> over;
+    QTimer::singleShot(ms, [over] { over.set(true); });
+    return over;
+}
+
+using Answer = QJsonObject; // with "result", or with "error"
+
+inline QJsonObject object() { return {}; }
+
+// Keys and their values in turn.
+template <typename... Rest>
+QJsonObject object(QLatin1StringView key, const QJsonValue &value, const Rest &...rest)
+{
+    QJsonObject whole = object(rest...);
+    whole[key] = value;
+    return whole;
+}
 
 inline Answer ok(const QJsonObject &result) { return { { QStringLiteral("result"), result } }; }
 
+template <typename... Members> Answer ok(QLatin1StringView key, const Members &...members)
+{
+    return ok(object(key, members...));
+}
+
 inline Answer fail(const QString &code, const QString &message)
 {
-    return { { QStringLiteral("error"), QJsonObject { { QStringLiteral("code"), code },
-                                                      { QStringLiteral("message"), message } } } };
+    const QLatin1StringView codeKey("code"), messageKey("message");
+    return { { QStringLiteral("error"), object(codeKey, code, messageKey, message) } };
 }
 
-inline Answer wrong(const QString &message)
-{
-    return fail(QStringLiteral("invalid_argument"), message);
-}
-
-inline Answer wrongState(const QString &message)
-{
-    return fail(QStringLiteral("wrong_state"), message);
-}
-
-inline Answer unavailable(const QString &reason)
-{
-    return fail(QStringLiteral("not_available"), reason);
-}
+inline Answer wrong(const QString &what) { return fail(QStringLiteral("invalid_argument"), what); }
+inline Answer wrongState(const QString &why) { return fail(QStringLiteral("wrong_state"), why); }
+inline Answer unavailable(const QString &why) { return fail(QStringLiteral("not_available"), why); }

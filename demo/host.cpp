@@ -1,66 +1,97 @@
 #include "host.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QFile>
 #include <QStandardPaths>
 #include <QStorageInfo>
 #include <QThread>
 
-#include <algorithm>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-constexpr double BytesPerGB = 1 << 30;
+constexpr qint64 MaxOutputBytes = 16 << 20;
 
 // A line of /proc/meminfo, which counts in KiB.
-double meminfoGB(const QByteArray &name)
+static int memoryGB(const QByteArray &name)
 {
     QFile file(u"/proc/meminfo"_s);
-    if (!file.open(QIODevice::ReadOnly))
-        return 0;
-    const QList<QByteArray> lines = file.readAll().split('\n');
-    for (const QByteArray &line : lines) {
-        if (line.startsWith(name + ':'))
-            return line.simplified().split(' ').value(1).toDouble() / (1 << 20);
-    }
-    return 0;
+    file.open(QIODevice::ReadOnly);
+    const QByteArray text = file.readAll();
+    return text.mid(text.indexOf(name)).simplified().split(' ').value(1).toInt() >> 20;
 }
 
-} // namespace
-
 int hostProcessors() { return std::max(1, QThread::idealThreadCount()); }
+int hostMemoryGB() { return std::max(1, memoryGB("MemTotal:") - 1); }
+int availableMemoryGB() { return memoryGB("MemAvailable:"); }
+qint64 freeDiskGB(const QString &folder) { return QStorageInfo(folder).bytesAvailable() >> 30; }
 
-int hostMemoryGB() { return std::max(1, static_cast<int>(meminfoGB("MemTotal") - 1)); }
-
-double availableMemoryGB() { return meminfoGB("MemAvailable"); }
-
-qint64 freeDiskGB(const QString &folder)
+QString guestFile(const QString &name)
 {
-    return static_cast<qint64>(static_cast<double>(QStorageInfo(folder).bytesAvailable())
-                               / BytesPerGB);
+    return QCoreApplication::applicationDirPath() + "/guest/"_L1 + name;
 }
 
 QString missingOnHost()
 {
     QStringList missing;
-    for (const auto &[program, package] :
-         { std::pair { u"qemu-system-x86_64"_s, u"qemu-system-x86"_s },
-           std::pair { u"qemu-img"_s, u"qemu-utils"_s },
-           std::pair { u"ssh"_s, u"openssh-client"_s } }) {
+    for (const auto &program : { u"qemu-system-x86_64"_s, u"qemu-img"_s, u"ssh"_s }) {
         if (QStandardPaths::findExecutable(program).isEmpty())
-            missing += u"%1 (package %2)"_s.arg(program, package);
+            missing << program;
     }
-    if (!QFile::exists(guestFile(u"initrd"_s)) || !QFile::exists(guestFile(u"kernel"_s)))
-        missing += "Small Linux in "_L1 + guestFile({});
+    if (!QFile::exists(guestFile(u"initrd"_s)))
+        missing << guestFile(u"initrd"_s);
     return missing.isEmpty() ? QString()
-                             : u"missing on this host: %1; script/demo installs and makes it"_s.arg(
-                                     missing.join(u", "_s));
+                             : u"this host lacks %1; script/demo, in the project's folder, "
+                               "installs and makes it"_s.arg(missing.join(", "_L1));
 }
 
-QString guestFile(const QString &name)
+void startBound(QProcess &process, const QString &program, const QStringList &arguments,
+                const QList<int> &inherited)
 {
-    return QCoreApplication::applicationDirPath() + "/guest/"_L1 + name;
+    process.setChildProcessModifier([parent = getpid(), inherited] {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) // it ended before that
+            _exit(1);
+        for (const int descriptor : inherited)
+            fcntl(descriptor, F_SETFD, 0);
+    });
+    process.setStandardInputFile(QProcess::nullDevice());
+    process.start(program, arguments);
+}
+
+Later<Outcome> run(const QString &program, const QStringList &arguments, const QString &folder,
+                   int limitMs)
+{
+    auto *process = new QProcess;
+    const auto outcome = std::make_shared<Outcome>();
+    const Later<Outcome> done;
+    const auto read = [process, outcome] {
+        outcome->output += process->readAllStandardOutput();
+        outcome->errors += process->readAllStandardError();
+        outcome->tooMuch = outcome->output.size() + outcome->errors.size() > MaxOutputBytes;
+        if (outcome->tooMuch)
+            process->kill();
+    };
+    const auto end = [=](int exitCode) {
+        read();
+        outcome->exitCode = exitCode;
+        done.set(*outcome);
+        process->deleteLater();
+    };
+    QObject::connect(process, &QProcess::readyReadStandardOutput, process, read);
+    QObject::connect(process, &QProcess::readyReadStandardError, process, read);
+    QObject::connect(process, &QProcess::finished, process, [=](int exitCode, auto status) {
+        end(status == QProcess::NormalExit ? exitCode : -1);
+    });
+    QObject::connect(process, &QProcess::errorOccurred, process, [=](auto error) {
+        if (error == QProcess::FailedToStart)
+            end(-1);
+    });
+    QTimer::singleShot(limitMs, process, &QProcess::kill);
+    process->setWorkingDirectory(folder);
+    startBound(*process, program, arguments);
+    return done;
 }

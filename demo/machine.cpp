@@ -1,8 +1,5 @@
 #include "machine.h"
 
-#include "host.h"
-#include "process.h"
-
 #include <QRegularExpression>
 
 #include <unistd.h>
@@ -14,8 +11,6 @@ namespace {
 constexpr size_t MaxLogLines = 2'000;
 constexpr int LaunchMs = 60'000;
 constexpr int PollMs = 20;
-constexpr int DiskToolMs = 60'000;
-const QString savedState = u"suspended"_s; // the name of the memory in the disk's file
 
 // Whether KVM is worth a try: it may be there and still not work, which only a start tells.
 bool kvmWorks = access("/dev/kvm", R_OK | W_OK) == 0;
@@ -26,8 +21,6 @@ QString hostName(const QString &machineName)
     return machineName.toLower().replace(others, u"-"_s);
 }
 
-QString inOption(QString path) { return path.replace(u","_s, u",,"_s); } // as QEMU quotes it
-
 } // namespace
 
 Machine::Machine(const QString &place, const QJsonObject &initial)
@@ -36,10 +29,9 @@ Machine::Machine(const QString &place, const QJsonObject &initial)
     note(u"created"_s);
 }
 
-QSize Machine::display() const
+Later<Outcome> Machine::diskTool(const QString &words) const
 {
-    const QJsonObject size = settings["display"_L1].toObject();
-    return { size["width"_L1].toInt(), size["height"_L1].toInt() };
+    return run(u"qemu-img"_s, words.split(u' '), folder.path());
 }
 
 QJsonObject Machine::pick(std::initializer_list<QLatin1StringView> keys) const
@@ -52,7 +44,7 @@ QJsonObject Machine::pick(std::initializer_list<QLatin1StringView> keys) const
 
 void Machine::note(const QString &line)
 {
-    log.push_back({ QDateTime::currentDateTimeUtc(), line });
+    log.emplace_back(QDateTime::currentDateTimeUtc(), line);
     if (log.size() > MaxLogLines)
         log.pop_front();
 }
@@ -63,84 +55,55 @@ void Machine::setState(QLatin1StringView state)
     note("state is now "_L1 + state);
 }
 
-QStringList Machine::bootArguments() const
+QStringList Machine::arguments() const
 {
-    const QString media = text("installerMedia"_L1);
-    const bool small = settings["smallLinux"_L1].toBool();
-    if (media.endsWith(".iso"_L1)) // a reboot finds what was installed from it
-        return { u"-boot"_s,
-                 u"order=c,once=d"_s,
-                 u"-drive"_s,
-                 u"if=none,id=cd,media=cdrom,readonly=on,format=raw,file="_s + inOption(media),
-                 u"-device"_s,
-                 u"ide-cd,drive=cd"_s };
+    QString media = text("installerMedia"_L1);
+    const bool disc = media.endsWith(".iso"_L1);
+    const bool small = settings["smallLinux"_L1].toBool() && !disc;
+    const bool windows = text("os"_L1) == "windows"_L1; // has no drivers for virtio
+    // What is kept lasts no longer than the application, so no write need reach the disk.
+    const QString words
+            = u"-nodefaults -no-user-config -display none -vga std -machine pc -cpu max "
+              "-sandbox on,obsolete=deny,elevateprivileges=deny,spawn=deny -accel %1 "
+              "-drive if=none,id=disk,format=qcow2,cache=unsafe,werror=report,"
+              "file=disk.qcow2 -netdev user,id=net,hostfwd=tcp:127.0.0.1:0-:22 "
+              "-smp %2 -m %3G -device %4,drive=disk -device %5,netdev=net,romfile= %6"_s;
+    const QString input = small ? u"-device virtio-tablet-pci -device virtio-keyboard-pci"_s
+                                : u"-usb -device usb-tablet"_s;
+    QStringList all = words.arg(accelerated ? u"kvm"_s : u"tcg,thread=multi"_s)
+                              .arg(settings["cpu"_L1].toInt())
+                              .arg(settings["ramGB"_L1].toInt())
+                              .arg(windows ? u"ide-hd"_s : u"virtio-blk-pci"_s,
+                                   windows ? u"e1000"_s : u"virtio-net-pci"_s, input)
+                              .split(u' ');
+    if (disc) // a reboot finds what was installed from it
+        all << u"-boot order=c,once=d -device ide-cd,drive=cd -drive"_s.split(u' ')
+            << u"if=none,id=cd,media=cdrom,readonly=on,format=raw,file="_s
+                        + media.replace(u","_s, u",,"_s);
     if (!small)
-        return { u"-boot"_s, u"order=c"_s };
-    QStringList all { u"-kernel"_s, guestFile(u"kernel"_s),
-                      u"-initrd"_s, guestFile(u"initrd"_s),
-                      u"-append"_s, u"console=ttyS0 console=tty0 no-scroll"_s };
-    const auto tell = [&all](const QString &what) {
-        all += { u"-fw_cfg"_s, "name=opt/demo/"_L1 + what };
-    };
-    tell("hostname,string="_L1 + hostName(text("name"_L1)));
+        return all;
+    all << u"-kernel"_s << guestFile(u"kernel"_s) << u"-initrd"_s << guestFile(u"initrd"_s)
+        << u"-append"_s << u"console=ttyS0 console=tty0 no-scroll"_s;
+    QStringList told { "hostname,string="_L1 + hostName(text("name"_L1)) };
     if (!media.isEmpty())
-        tell(u"installer,string=yes"_s);
-    if (const QString user = text("account"_L1); !user.isEmpty()) {
-        tell("username,string="_L1 + user);
-        tell(u"password,file=password"_s); // what is on a command line, everybody can read
-    }
+        told << u"installer,string=yes"_s;
+    if (const QString user = text("account"_L1); !user.isEmpty()) // its password is nobody else's
+        told << "username,string="_L1 + user << u"password,file=password"_s;
+    for (const QString &what : std::as_const(told))
+        all << u"-fw_cfg"_s << "name=opt/demo/"_L1 + what;
     return all;
 }
 
-QStringList Machine::arguments() const
-{
-    const bool windows = text("os"_L1) == "windows"_L1; // has no drivers for virtio
-    QStringList all {
-        u"-nodefaults"_s,
-        u"-no-user-config"_s,
-        u"-display"_s,
-        u"none"_s,
-        u"-vga"_s,
-        u"std"_s,
-        u"-sandbox"_s,
-        u"on,obsolete=deny,elevateprivileges=deny,spawn=deny"_s,
-        u"-machine"_s,
-        u"pc"_s,
-        u"-cpu"_s,
-        u"max"_s,
-        u"-accel"_s,
-        accelerated ? u"kvm"_s : u"tcg,thread=multi"_s,
-        u"-smp"_s,
-        QString::number(settings["cpu"_L1].toInt()),
-        u"-m"_s,
-        QString::number(settings["ramGB"_L1].toInt()) + u'G',
-        // What is kept lasts no longer than the application, so no write need reach the disk.
-        u"-drive"_s,
-        u"if=none,id=disk,format=qcow2,cache=unsafe,werror=report,file=disk.qcow2"_s,
-        u"-device"_s,
-        (windows ? u"ide-hd"_s : u"virtio-blk-pci"_s) + ",drive=disk"_L1,
-        u"-netdev"_s,
-        u"user,id=net,hostfwd=tcp:127.0.0.1:0-:22"_s,
-        u"-device"_s,
-        (windows ? u"e1000"_s : u"virtio-net-pci"_s) + ",netdev=net,romfile="_L1,
-    };
-    if (settings["smallLinux"_L1].toBool() && !text("installerMedia"_L1).endsWith(".iso"_L1))
-        all += { u"-device"_s, u"virtio-tablet-pci"_s, u"-device"_s, u"virtio-keyboard-pci"_s };
-    else
-        all += { u"-usb"_s, u"-device"_s, u"usb-tablet"_s };
-    return all + bootArguments();
-}
-
 // One process, which may end before the machine is made; then it says why.
-Later<QString> Machine::launch(bool wake)
+Later<QString> Machine::launch(const QStringList &more)
 {
     const MachinePtr self = shared_from_this();
-    launching = true;
+    const Flag launches(launching);
     endExpected = false;
     stateAfterEnd = "stopped"_L1;
-    const QStringList woken { u"-loadvm"_s, savedState };
+    lastError.clear();
     qemu = std::make_unique<Qemu>(
-            arguments() + (wake ? woken : QStringList()), folder.path(),
+            arguments() + more, folder.path(),
             Qemu::Listener { [this](const QString &line) { note(line); },
                              [this](const QString &event) { happened(event); },
                              [this](const QString &words) { ended(words); } });
@@ -149,43 +112,34 @@ Later<QString> Machine::launch(bool wake)
         if (!up.isSet())
             qemu->kill();
     });
-    const QJsonObject answer = co_await up;
-    launching = false;
-    if (!answer.contains("error"_L1) && qemu)
-        co_return {};
-    co_return lastError.isEmpty() ? u"QEMU ended at once"_s : lastError;
+    co_await up;
+    co_return qemu ? QString() : lastError;
 }
 
 Later<QString> Machine::boot()
 {
     const MachinePtr self = shared_from_this();
-    busy = true;
+    const Flag works(busy);
     booted = false;
-    lastError.clear();
     accelerated = kvmWorks;
-    QString complaint = co_await launch(false);
+    QString complaint = co_await launch({});
     if (!complaint.isEmpty() && accelerated) {
         note("KVM does not work here: "_L1 + complaint);
         kvmWorks = accelerated = false;
-        complaint = co_await launch(false);
+        complaint = co_await launch({});
     }
-    if (complaint.isEmpty()) {
-        lastError.clear();
-        started.start();
+    started.start();
+    if (complaint.isEmpty())
         setState("running"_L1);
-    }
-    busy = false;
     co_return complaint;
 }
 
 Later<QString> Machine::suspend()
 {
     const MachinePtr self = shared_from_this();
-    busy = true;
-    const Later<QJsonObject> stopped = qemu->command(u"stop"_s);
-    const Later<QJsonObject> saved = qemu->monitor("savevm "_L1 + savedState);
-    co_await stopped;
-    const QJsonObject answer = co_await saved;
+    const Flag works(busy);
+    qemu->command(u"stop"_s);
+    const QJsonObject answer = co_await qemu->monitor(u"savevm suspended"_s);
     const QString complaint
             = answer["return"_L1].toString() + answer["error"_L1]["desc"_L1].toString();
     if (qemu && complaint.isEmpty()) {
@@ -197,23 +151,31 @@ Later<QString> Machine::suspend()
     } else if (qemu) {
         qemu->command(u"cont"_s);
     }
-    busy = false;
     co_return complaint.trimmed();
 }
 
 Later<QString> Machine::resume()
 {
     const MachinePtr self = shared_from_this();
-    busy = true;
-    const QString complaint = co_await launch(true);
-    if (complaint.isEmpty()) {
-        co_await qemu->monitor("delvm "_L1 + savedState);
-        if (qemu)
-            qemu->command(u"cont"_s);
-        setState(qemu ? "running"_L1 : "stopped"_L1);
-    }
-    busy = false;
-    co_return complaint;
+    const Flag works(busy);
+    const QString complaint = co_await launch(u"-loadvm suspended"_s.split(u' '));
+    if (!complaint.isEmpty())
+        co_return complaint;
+    co_await qemu->monitor(u"delvm suspended"_s);
+    if (qemu)
+        qemu->command(u"cont"_s);
+    setState(qemu ? "running"_L1 : "stopped"_L1);
+    co_return lastError;
+}
+
+Later<QString> Machine::dropMemory()
+{
+    const MachinePtr self = shared_from_this();
+    const Flag works(busy);
+    const Outcome dropped = co_await diskTool(u"snapshot -q -d suspended disk.qcow2"_s);
+    if (dropped.succeeded())
+        setState("stopped"_L1);
+    co_return dropped.words();
 }
 
 void Machine::cutPower()
@@ -223,28 +185,11 @@ void Machine::cutPower()
         qemu->kill();
 }
 
-Later<QString> Machine::dropMemory()
-{
-    const MachinePtr self = shared_from_this();
-    busy = true;
-    const Later<Outcome> dropping = run(
-            u"qemu-img"_s, { u"snapshot"_s, u"-q"_s, u"-d"_s, savedState, file(u"disk.qcow2"_s) },
-            DiskToolMs);
-    const Outcome outcome = co_await dropping;
-    if (outcome.succeeded())
-        setState("stopped"_L1);
-    busy = false;
-    co_return outcome.succeeded() ? QString() : outcome.words();
-}
-
 void Machine::happened(const QString &event)
 {
-    if (event == "ready"_L1) {
-        booted = true;
-        note(u"the guest has booted"_s);
-    } else if (event == "RESET"_L1) {
-        booted = false;
-        note(u"the guest reboots"_s);
+    if (event == "ready"_L1 || event == "RESET"_L1) {
+        booted = event == "ready"_L1;
+        note(booted ? u"the guest has booted"_s : u"the guest reboots"_s);
     } else if (event == "SHUTDOWN"_L1) {
         endExpected = true;
     }

@@ -5,8 +5,8 @@
 #include "orrery_control.h"
 #include "tools.h"
 
-#include <QDir>
 #include <QCoreApplication>
+#include <QDir>
 #include <QJsonDocument>
 #include <QLocalServer>
 #include <QLocalSocket>

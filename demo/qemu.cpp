@@ -1,7 +1,5 @@
 #include "qemu.h"
 
-#include "process.h"
-
 #include <QJsonDocument>
 
 #include <sys/socket.h>
@@ -9,26 +7,18 @@
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
+const QString program = u"qemu-system-x86_64"_s; // it begins its messages so
 constexpr qsizetype MaxLine = 1'000; // of what the guest says
 constexpr qint64 MaxAgentBytes = 1 << 20;
 
 // Gives one end to a socket, and returns the other; -1 when there are no descriptors left.
-int connectPair(QLocalSocket &socket)
+static int connectPair(QLocalSocket &socket)
 {
     int ends[2] { -1, -1 };
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0)
         socket.setSocketDescriptor(ends[0]);
     return ends[1];
 }
-
-QJsonObject gone()
-{
-    return { { u"error"_s, QJsonObject { { u"desc"_s, u"the machine has ended"_s } } } };
-}
-
-} // namespace
 
 Qemu::Qemu(const QStringList &arguments, const QString &folder, Listener callbacks)
     : listener(std::move(callbacks))
@@ -38,26 +28,19 @@ Qemu::Qemu(const QStringList &arguments, const QString &folder, Listener callbac
     agent.setReadBufferSize(MaxAgentBytes);
     connect(&qmp, &QLocalSocket::readyRead, this, [this] { readMonitor(); });
     connect(&agent, &QLocalSocket::readyRead, this, [this] { readAgent(); });
-    connect(&process, &QProcess::readyReadStandardOutput, this,
-            [this] { readLines(serialLine, process.readAllStandardOutput()); });
-    connect(&process, &QProcess::readyReadStandardError, this,
-            [this] { readLines(errorLine, process.readAllStandardError()); });
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    connect(&process, &QProcess::readyRead, this, [this] { readLines(process.readAll()); });
     connect(&process, &QProcess::finished, this, [this] { end(); });
-    connect(&process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError error) {
+    connect(&process, &QProcess::errorOccurred, this, [this](auto error) {
         if (error == QProcess::FailedToStart)
             end();
     });
-    const QString socket = u"socket,id=%1,fd=%2"_s;
+    const QString lines = u"-chardev socket,id=qmp,fd=%1 -mon chardev=qmp,mode=control "
+                          "-chardev socket,id=agent,fd=%2 -device virtio-serial-pci "
+                          "-device virtserialport,chardev=agent,name=agent "
+                          "-chardev stdio,id=serial,signal=off -serial chardev:serial"_s;
     process.setWorkingDirectory(folder);
-    startBound(process, u"qemu-system-x86_64"_s,
-               arguments
-                       + QStringList { u"-chardev"_s, socket.arg(u"qmp"_s).arg(qmpEnd), u"-mon"_s,
-                                       u"chardev=qmp,mode=control"_s, u"-chardev"_s,
-                                       socket.arg(u"agent"_s).arg(agentEnd), u"-device"_s,
-                                       u"virtio-serial-pci"_s, u"-device"_s,
-                                       u"virtserialport,chardev=agent,name=agent"_s, u"-chardev"_s,
-                                       u"stdio,id=serial,signal=off"_s, u"-serial"_s,
-                                       u"chardev:serial"_s },
+    startBound(process, program, arguments + lines.arg(qmpEnd).arg(agentEnd).split(u' '),
                { qmpEnd, agentEnd });
     close(qmpEnd);
     close(agentEnd);
@@ -75,27 +58,23 @@ Later<QJsonObject> Qemu::command(const QString &name, const QJsonObject &argumen
 {
     Later<QJsonObject> answer;
     commands.insert(++lastId, answer);
-    const QJsonObject request { { u"execute"_s, name },
-                                { u"arguments"_s, arguments },
-                                { u"id"_s, lastId } };
+    const QJsonObject request
+            = object("execute"_L1, name, "arguments"_L1, arguments, "id"_L1, lastId);
     qmp.write(QJsonDocument(request).toJson(QJsonDocument::Compact) + '\n');
     return answer;
 }
 
 Later<QJsonObject> Qemu::monitor(const QString &line)
 {
-    return command(u"human-monitor-command"_s, { { u"command-line"_s, line } });
+    return command(u"human-monitor-command"_s, object("command-line"_L1, line));
 }
 
-Later<GuestAnswer> Qemu::inGuest(const QString &shellCommand, int limitMs)
+Later<GuestAnswer> Qemu::inGuest(const QString &shellCommand)
 {
     Later<GuestAnswer> answer;
     guestCommands.insert(++lastId, answer);
     agent.write(QByteArray::number(lastId) + ' ' + shellCommand.toUtf8().toBase64() + '\n');
-    QTimer::singleShot(limitMs, this, [this, id = lastId] {
-        if (const auto late = guestCommands.take(id); !late.isSet())
-            late.set({});
-    });
+    QTimer::singleShot(25'000, this, [this, id = lastId] { guestCommands.take(id).set({}); });
     return answer;
 }
 
@@ -118,21 +97,17 @@ void Qemu::readAgent()
             listener.happened(u"ready"_s);
         else if (words.size() == 3)
             guestCommands.take(words[0].toLongLong())
-                    .set({ words[1].toInt(),
-                           QString::fromUtf8(QByteArray::fromBase64(words[2].mid(1))) });
+                    .set({ words[1].toInt(), QByteArray::fromBase64(words[2].mid(1)) });
     }
 }
 
-void Qemu::readLines(QByteArray &unfinished, const QByteArray &more)
+void Qemu::readLines(const QByteArray &more)
 {
-    unfinished += more;
-    const QList<QByteArray> lines = unfinished.split('\n');
+    const QList<QByteArray> lines = (unfinished + more).split('\n');
     unfinished = lines.last().right(MaxLine);
     for (qsizetype i = 0; i + 1 < lines.size(); ++i) {
         const QString line = QString::fromUtf8(lines[i].left(MaxLine)).trimmed();
-        if (line.isEmpty())
-            continue;
-        if (&unfinished == &errorLine)
+        if (line.startsWith(program))
             lastWords = line;
         listener.said(line);
     }
@@ -140,12 +115,10 @@ void Qemu::readLines(QByteArray &unfinished, const QByteArray &more)
 
 void Qemu::end()
 {
-    readLines(errorLine, process.readAllStandardError() + '\n');
+    readLines(process.readAll() + '\n');
     for (const auto &waiting : std::as_const(commands))
-        waiting.set(gone());
+        waiting.set(object("error"_L1, object("desc"_L1, u"the machine has ended"_s)));
     for (const auto &waiting : std::as_const(guestCommands))
         waiting.set({});
-    if (process.error() == QProcess::FailedToStart)
-        lastWords = u"QEMU is missing (script/bootstrap installs it)"_s;
-    listener.ended(lastWords);
+    listener.ended(process.error() == QProcess::FailedToStart ? process.errorString() : lastWords);
 }

@@ -3,17 +3,15 @@
 
 #pragma once
 
-#include "later.h"
+#include "host.h"
 
 #include <QHash>
-#include <QJsonObject>
 #include <QLocalSocket>
-#include <QProcess>
 
 struct GuestAnswer
 {
     int exitCode = -1; // -1: the guest did not answer in time
-    QString output; // what the command said on both streams
+    QByteArray output; // what the command said on both streams
 };
 
 class Qemu : public QObject
@@ -36,8 +34,8 @@ public:
     // A command of the human monitor; gives what that says.
     Later<QJsonObject> monitor(const QString &line);
 
-    // Runs a shell command as root through the guest tools; gives up after limitMs milliseconds.
-    Later<GuestAnswer> inGuest(const QString &shellCommand, int limitMs);
+    // Runs a shell command as root through the guest's tools; gives up after 25 s.
+    Later<GuestAnswer> inGuest(const QString &shellCommand);
 
     void kill() { process.kill(); }
 
@@ -47,17 +45,15 @@ public:
 private:
     void readMonitor();
     void readAgent();
-    void readLines(QByteArray &unfinished, const QByteArray &more);
+    void readLines(const QByteArray &more);
     void end();
 
     QProcess process;
-    QLocalSocket qmp;
-    QLocalSocket agent;
+    QLocalSocket qmp, agent;
     Listener listener;
     QHash<qint64, Later<QJsonObject>> commands;
     QHash<qint64, Later<GuestAnswer>> guestCommands;
     qint64 lastId = 0;
-    QByteArray serialLine;
-    QByteArray errorLine;
+    QByteArray unfinished; // line
     QString lastWords;
 };

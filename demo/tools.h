@@ -6,23 +6,16 @@
 
 #include <vector>
 
-// What must hold of the machine, or of the arguments, before a tool touches a machine.
-enum class Needs {
-    Running,
-    Stopped,
-    NotSuspended,
-    NotStopped,
-    Installed, // a system on its disk
-    Booted, // of a running machine: the guest's tools have spoken
-    GuestTools,
-    Ssh, // provisioned
-    Linux,
-    Confirm, // confirm:true among the arguments
-};
-
 // One call of a tool. It stays until the answer is there, so a tool may keep the reference.
 struct Call
 {
+    QString text(QLatin1StringView argument) const { return arguments[argument].toString(); }
+    bool flag(QLatin1StringView argument) const { return arguments[argument].toBool(); }
+    int number(QLatin1StringView argument, int otherwise) const
+    {
+        return arguments[argument].toInt(otherwise);
+    }
+
     World &world;
     QJsonObject arguments; // checked
     std::function<bool()> wanted; // whether somebody still waits for the answer
@@ -32,21 +25,17 @@ struct Call
 
 struct Tool
 {
-    enum class Subject { Host, Machine, Job };
-
-    QLatin1StringView name;
-    Subject subject;
-    std::vector<Needs> needs; // in the order in which they are checked
-    Later<Answer> (*run)(const Call &call);
+    QString name;
+    QString needs; // what must hold of machine and arguments: words, in the order of their check
+    Later<Answer> (*run)(const Call &call) = nullptr;
+    QString whyNot; // the tool's answer where nothing runs
 };
 
 // How often, in milliseconds, a tool looks whether what it waits for has come.
 constexpr int LookMs = 50;
 
-std::vector<Tool> hostTools();
-std::vector<Tool> machineTools();
+std::vector<Tool> machineTools(); // and the host's
 std::vector<Tool> jobTools();
-std::vector<Tool> hardwareTools();
 std::vector<Tool> screenTools();
 std::vector<Tool> inputTools();
 std::vector<Tool> guestTools();

@@ -1,6 +1,6 @@
 // Inside the guest: its tools, SSH, network, commands and clipboard.
 
-#include "process.h"
+#include "host.h"
 #include "tools.h"
 
 #include <QFile>
@@ -12,11 +12,11 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int ToolsMs = 25'000; // for what the guest tools do
-constexpr int KeyMs = 20'000;
-constexpr int StatusSeconds = 10;
+constexpr int StatusMs = 10'000;
 constexpr int GraceMs = 5'000; // between the end of a command's time and that of its connection
 const QString guestAddress = u"10.0.2.15"_s; // what the network of each machine gives out
+
+QString quoted(QString text) { return u'\'' + text.replace(u"'"_s, u"'\\''"_s) + u'\''; }
 
 Answer silentGuest() { return fail(u"not_ready"_s, u"the guest does not answer"_s); }
 
@@ -24,75 +24,54 @@ Later<Answer> applyGuestTools(const Call &call)
 {
     if (!call.machine->settings["smallLinux"_L1].toBool())
         co_return unavailable(u"there are guest tools only for Small Linux"_s);
-    const GuestAnswer answer = co_await call.machine->qemu->inGuest(u"true"_s, ToolsMs);
+    const GuestAnswer answer = co_await call.machine->qemu->inGuest(u"true"_s);
     if (answer.exitCode != 0)
         co_return silentGuest();
-    call.machine->settings["guestTools"_L1] = u"1.0"_s;
+    call.machine->settings["guestTools"_L1] = guestToolsVersion;
     co_return ok(call.machine->pick({ "id"_L1, "guestTools"_L1 }));
 }
 
 QJsonObject sshSettings(const Machine &machine)
 {
-    const bool provisioned = machine.settings["sshProvisioned"_L1].toBool();
-    return { { u"provisioned"_s, provisioned },
-             { u"user"_s, provisioned ? machine.settings["sshUser"_L1] : QJsonValue() },
-             { u"host"_s, provisioned ? guestAddress : QJsonValue() } };
+    if (!machine.settings["sshProvisioned"_L1].toBool())
+        return { { u"provisioned"_s, false }, { u"user"_s, {} }, { u"host"_s, {} } };
+    const QString user = machine.text("sshUser"_L1);
+    return object("provisioned"_L1, true, "user"_L1, user, "host"_L1, guestAddress);
 }
 
-// The port of 127.0.0.1 behind which the guest's SSH server is; 0 when the machine has ended.
-Later<int> sshPort(MachinePtr machine)
+// Runs a command as a user of the guest; the network forwards a port of 127.0.0.1 to its server.
+Later<Outcome> ssh(MachinePtr machine, QString user, QString options, QString command, int limitMs)
 {
-    static const QRegularExpression forward(
-            u"HOST_FORWARD\\S*\\s+\\d+\\s+127\\.0\\.0\\.1\\s+(\\d+)"_s);
+    static const QRegularExpression forward(u"HOST_FORWARD.*127\\.0\\.0\\.1\\s+(\\d+)"_s);
     if (!machine->qemu)
-        co_return 0;
-    const QJsonObject answer = co_await machine->qemu->monitor(u"info usernet"_s);
-    co_return forward.match(answer["return"_L1].toString()).captured(1).toInt();
-}
-
-Later<Outcome> ssh(MachinePtr machine, QStringList options, QString user, QString command,
-                   int connectSeconds, int limitMs)
-{
-    const int port = co_await sshPort(machine);
-    const auto setting = [](const QString &text) { return QStringList { u"-o"_s, text }; };
-    const QStringList arguments
-            = QStringList { u"-F"_s, u"none"_s,
-                            u"-i"_s, machine->file(u"key"_s),
-                            u"-p"_s, QString::number(port) }
-              + setting(u"BatchMode=yes"_s) + setting(u"IdentitiesOnly=yes"_s)
-              + setting(u"StrictHostKeyChecking=accept-new"_s) + setting(u"HostKeyAlias=guest"_s)
-              + setting("UserKnownHostsFile="_L1 + machine->file(u"known_hosts"_s))
-              + setting(u"LogLevel=ERROR"_s) + setting(u"IdentityAgent=none"_s)
-              + setting(u"ConnectTimeout=%1"_s.arg(connectSeconds)) + options
-              + QStringList { u"-l"_s, user, u"127.0.0.1"_s, command };
-    const Later<Outcome> running = run(u"ssh"_s, arguments, limitMs);
-    co_return co_await running;
+        co_return {};
+    const QJsonObject network = co_await machine->qemu->monitor(u"info usernet"_s);
+    const QString port = forward.match(network["return"_L1].toString()).captured(1);
+    const QString words
+            = u"-F none -i key -o BatchMode=yes -o IdentitiesOnly=yes -o LogLevel=ERROR "
+              "-o IdentityAgent=none -o StrictHostKeyChecking=accept-new "
+              "-o UserKnownHostsFile=known_hosts -o HostKeyAlias=guest "
+              "-o ConnectTimeout=60 -p %1 127.0.0.1 %2-l"_s;
+    const QStringList arguments = words.arg(port, options).split(u' ') << user << command;
+    co_return co_await run(u"ssh"_s, arguments, machine->folder.path(), limitMs);
 }
 
 Later<Answer> provisionSsh(const Call &call)
 {
-    const QString key = call.machine->file(u"key"_s);
-    if (!QFile::exists(key)) {
-        const Later<Outcome> making = run(
-                u"ssh-keygen"_s,
-                { u"-q"_s, u"-t"_s, u"ed25519"_s, u"-N"_s, {}, u"-C"_s, u"orrery"_s, u"-f"_s, key },
-                KeyMs);
-        const Outcome made = co_await making;
+    QFile file(call.machine->folder.filePath(u"key.pub"_s));
+    if (!file.exists()) {
+        const QStringList words = u"-q -t ed25519 -C orrery -f key -N"_s.split(u' ') << QString();
+        const Outcome made = co_await run(u"ssh-keygen"_s, words, call.machine->folder.path());
         if (!made.succeeded())
             co_return fail(u"failed"_s, "no key could be made: "_L1 + made.words());
     }
-    QFile file(key + ".pub"_L1);
     if (!file.open(QIODevice::ReadOnly) || !call.machine->qemu)
-        co_return fail(u"failed"_s, u"no key could be made"_s);
-    const QString command = u"user=$(cat /home/.system/user) && cd /home/$user && mkdir -p .ssh && "
-                            "echo '%1' >>.ssh/authorized_keys && chmod 700 .ssh && "
-                            "chmod 600 .ssh/authorized_keys && chown -R $user .ssh && "
-                            "touch /home/.system/ssh && ssh-server && echo $user"_s.arg(
-                                    QString::fromUtf8(file.readAll()).trimmed());
-    const GuestAnswer answer = co_await call.machine->qemu->inGuest(command, ToolsMs);
+        co_return silentGuest();
+    const QString command = "ssh-key add "_L1 + quoted(QString::fromUtf8(file.readAll()).trimmed());
+    const GuestAnswer answer = co_await call.machine->qemu->inGuest(command);
     if (answer.exitCode != 0)
         co_return silentGuest();
-    call.machine->settings["sshUser"_L1] = answer.output.trimmed();
+    call.machine->settings["sshUser"_L1] = QString::fromUtf8(answer.output).trimmed();
     call.machine->settings["sshProvisioned"_L1] = true;
     co_return ok(sshSettings(*call.machine));
 }
@@ -100,78 +79,47 @@ Later<Answer> provisionSsh(const Call &call)
 Later<Answer> sshStatus(const Call &call)
 {
     QJsonObject status = sshSettings(*call.machine);
-    bool reachable = false;
-    if (status["provisioned"_L1].toBool() && call.machine->qemu) {
-        const Later<Outcome> trying = ssh(call.machine, {}, status["user"_L1].toString(), u"true"_s,
-                                          StatusSeconds, StatusSeconds * 1'000);
-        const Outcome tried = co_await trying;
-        reachable = tried.succeeded();
-    }
-    status["reachable"_L1] = reachable;
+    Outcome tried;
+    if (status["provisioned"_L1].toBool())
+        tried = co_await ssh(call.machine, status["user"_L1].toString(), {}, u"true"_s, StatusMs);
+    status["reachable"_L1] = tried.succeeded();
     co_return ok(status);
 }
 
 Later<Answer> revokeSsh(const Call &call)
 {
     if (call.machine->settings["sshProvisioned"_L1].toBool()) {
-        const GuestAnswer answer = co_await call.machine->qemu->inGuest(
-                u"cd /home/$(cat /home/.system/user) && sed -i '/ orrery$/d' .ssh/authorized_keys"_s,
-                ToolsMs);
+        const GuestAnswer answer = co_await call.machine->qemu->inGuest(u"ssh-key remove"_s);
         if (answer.exitCode != 0)
             co_return silentGuest();
         for (const auto &name : { u"key"_s, u"key.pub"_s })
-            QFile::remove(call.machine->file(name));
+            call.machine->folder.remove(name);
         call.machine->settings["sshProvisioned"_L1] = false;
     }
-    co_return ok({ { u"provisioned"_s, false } });
+    co_return ok("provisioned"_L1, false);
 }
 
 Later<Answer> guestNetwork(const Call &call)
 {
     const GuestAnswer answer = co_await call.machine->qemu->inGuest(
-            u"ip -o link; ip -o addr; ip route; cat /etc/resolv.conf"_s, ToolsMs);
+            u"ip -o link; ip -o addr; ip route; cat /etc/resolv.conf"_s);
     if (answer.exitCode < 0)
         co_return silentGuest();
-    const auto find = [&](const QString &pattern) -> QJsonValue {
-        const auto match = QRegularExpression(pattern, QRegularExpression::MultilineOption)
-                                   .match(answer.output);
-        return match.hasMatch() ? QJsonValue(match.captured(1)) : QJsonValue();
+    const auto all = [&answer](const QString &pattern) {
+        QJsonArray found;
+        const QRegularExpression lines(pattern, QRegularExpression::MultilineOption);
+        for (auto it = lines.globalMatch(QString::fromUtf8(answer.output)); it.hasNext();)
+            found.append(it.next().captured(1));
+        return found;
     };
-    const auto findAll = [&](const QString &pattern) {
-        QJsonArray all;
-        auto matches = QRegularExpression(pattern, QRegularExpression::MultilineOption)
-                               .globalMatch(answer.output);
-        while (matches.hasNext())
-            all.append(matches.next().captured(1));
-        return all;
-    };
-    const QJsonObject interface {
-        { u"name"_s, u"eth0"_s }, { u"mac"_s, find(u"eth0:.*link/ether (\\S+)"_s) },
-                { u"addresses"_s, findAll(u"eth0 +inet6? ([^ /]+)"_s) },
-    };
-    co_return ok({ { u"address"_s, find(u"eth0 +inet ([^ /]+)"_s) },
-                   { u"interfaces"_s, QJsonArray { interface } },
-                   { u"gateway"_s, find(u"^default via (\\S+)"_s) },
-                   { u"dns"_s, findAll(u"^nameserver (\\S+)"_s) } });
+    const auto first = [&all](const QString &pattern) { return all(pattern).first(); };
+    const QJsonObject interface = object("name"_L1, u"eth0"_s, "mac"_L1,
+                                         first(u"eth0:.*link/ether (\\S+)"_s), "addresses"_L1,
+                                         all(u"eth0 +inet6? ([^ /]+)"_s));
+    co_return ok("address"_L1, first(u"eth0 +inet ([^ /]+)"_s), "interfaces"_L1,
+                 QJsonArray { interface }, "gateway"_L1, first(u"^default via (\\S+)"_s), "dns"_L1,
+                 all(u"^nameserver (\\S+)"_s));
 }
-
-QString quoted(QString text) { return u'\'' + text.replace(u"'"_s, u"'\\''"_s) + u'\''; }
-
-// How long connecting, the command and the whole may take, in seconds.
-struct Limits
-{
-    explicit Limits(const QJsonObject &arguments)
-        : connect(arguments["connectTimeoutSeconds"_L1].toInt(10)),
-          command(arguments["commandTimeoutSeconds"_L1].toInt(35)),
-          whole(arguments["timeoutSeconds"_L1].toInt(std::min(connect + command, 290)))
-    {
-        connect = std::min(connect, whole);
-    }
-
-    int connect;
-    int command;
-    int whole;
-};
 
 Later<Answer> runInGuest(const Call &call)
 {
@@ -180,41 +128,35 @@ Later<Answer> runInGuest(const Call &call)
     const QJsonObject &arguments = call.arguments;
     if (arguments["host"_L1].toString(guestAddress) != guestAddress)
         co_return wrong(u"the guest has only the address %1"_s.arg(guestAddress));
-    const Limits limits(arguments);
-    const bool interactive = arguments["interactive"_L1].toBool();
-    const QString user = arguments["user"_L1].toString(machine->settings["sshUser"_L1].toString());
-    const QString mark = u"/tmp/.run-%1"_s.arg(++lastNumber);
-    const Later<Outcome> trying
-            = ssh(machine, {}, user, u"true"_s, limits.connect, limits.connect * 1'000);
-    QElapsedTimer spent;
-    spent.start();
-    const Outcome tried = co_await trying;
+    const int wholeMs = call.number("timeoutSeconds"_L1, 290) * 1'000;
+    const int connectMs = std::min(call.number("connectTimeoutSeconds"_L1, 10) * 1'000, wholeMs);
+    const int commandMs = std::min(call.number("commandTimeoutSeconds"_L1, 35) * 1'000, wholeMs);
+    const Later<bool> wholeUp = pause(wholeMs);
+    const QString user = arguments["user"_L1].toString(machine->text("sshUser"_L1));
+    const Outcome tried = co_await ssh(machine, user, {}, u"true"_s, connectMs);
     if (!tried.succeeded())
         co_return fail(u"unreachable"_s, "no connection to the guest: "_L1 + tried.words());
-    const int commandMs = static_cast<int>(
-            std::min<qint64>(limits.command * 1'000, limits.whole * 1'000 - spent.elapsed()));
+
+    const bool interactive = arguments["interactive"_L1].toBool();
+    const QString mark = u"/tmp/.run-%1"_s.arg(++lastNumber);
+    const QString command = u"limited %1 %2 %3"_s.arg(mark, interactive ? u"-l"_s : u"-c"_s,
+                                                      quoted(arguments["command"_L1].toString()));
     const Later<Outcome> running
-            = ssh(machine, interactive ? QStringList { u"-tt"_s } : QStringList(), user,
-                  u"limited %1 %2 %3"_s.arg(mark, interactive ? u"-l"_s : u"-c"_s,
-                                            quoted(arguments["command"_L1].toString())),
-                  limits.connect, commandMs + GraceMs);
-    const Later<bool> timeUp = pause(commandMs);
-    while (!running.isSet() && !timeUp.isSet() && call.wanted())
+            = ssh(machine, user, interactive ? u"-tt "_s : QString(), command, commandMs + GraceMs);
+    const Later<bool> commandUp = pause(commandMs);
+    while (!running.isSet() && !commandUp.isSet() && !wholeUp.isSet() && call.wanted())
         co_await pause(LookMs);
     const bool timedOut = !running.isSet();
-    if (timedOut && machine->qemu)
-        machine->qemu->inGuest(u"kill-session $(cat %1)"_s.arg(mark), ToolsMs);
-    const Outcome outcome = co_await running;
     if (machine->qemu)
-        machine->qemu->inGuest("rm -f "_L1 + mark, ToolsMs);
-    if (outcome.tooMuch)
-        co_return fail(u"failed"_s, u"the command said more than 16 MiB, and was cut off"_s);
+        machine->qemu->inGuest(u"kill-session %1 %2"_s.arg(mark, timedOut ? u"now"_s : u"done"_s));
+    const Outcome outcome = co_await running;
     if (!machine->is("running"_L1))
         co_return wrongState("the VM is now "_L1 + machine->text("state"_L1));
-    co_return ok({ { u"exitCode"_s, timedOut ? QJsonValue() : QJsonValue(outcome.exitCode) },
-                   { u"stdout"_s, QString::fromUtf8(outcome.output) },
-                   { u"stderr"_s, QString::fromUtf8(outcome.errors) },
-                   { u"timedOut"_s, timedOut } });
+    if (outcome.tooMuch)
+        co_return fail(u"failed"_s, u"the command said more than 16 MiB, and was cut off"_s);
+    co_return ok("exitCode"_L1, timedOut ? QJsonValue() : outcome.exitCode, "timedOut"_L1, timedOut,
+                 "stdout"_L1, QString::fromUtf8(outcome.output), "stderr"_L1,
+                 QString::fromUtf8(outcome.errors));
 }
 
 Later<Answer> readGuestClipboard(const Call &call)
@@ -228,15 +170,13 @@ Later<Answer> readGuestClipboard(const Call &call)
 
 std::vector<Tool> guestTools()
 {
-    using enum Needs;
-    using Tool::Subject::Machine;
     return {
-        { "apply_guest_tools"_L1, Machine, { Running, Installed, Booted }, applyGuestTools },
-        { "provision_ssh"_L1, Machine, { Running, GuestTools, Booted }, provisionSsh },
-        { "ssh_status"_L1, Machine, {}, sshStatus },
-        { "revoke_ssh"_L1, Machine, { Running }, revokeSsh },
-        { "guest_network"_L1, Machine, { Running, GuestTools, Booted }, guestNetwork },
-        { "run_in_guest"_L1, Machine, { Running, Ssh }, runInGuest },
-        { "read_guest_clipboard"_L1, Machine, { Running, Ssh }, readGuestClipboard },
+        { u"apply_guest_tools"_s, u"running installed booted"_s, applyGuestTools, {} },
+        { u"provision_ssh"_s, u"running tools booted"_s, provisionSsh, {} },
+        { u"ssh_status"_s, {}, sshStatus, {} },
+        { u"revoke_ssh"_s, u"running"_s, revokeSsh, {} },
+        { u"guest_network"_s, u"running tools booted"_s, guestNetwork, {} },
+        { u"run_in_guest"_s, u"running ssh"_s, runInGuest, {} },
+        { u"read_guest_clipboard"_s, u"running ssh"_s, readGuestClipboard, {} },
     };
 }

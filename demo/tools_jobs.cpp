@@ -1,4 +1,4 @@
-// The creation of machines, and the jobs that it is done by.
+// The creation of machines: what from, and the jobs that it is done by.
 
 #include "host.h"
 #include "tools.h"
@@ -6,90 +6,61 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
-#include <algorithm>
-
 using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qsizetype MaxNameLength = 100;
-
-QString accountComplaint(const QJsonObject &arguments)
+// What is wrong with the arguments of create_vm among themselves, or nothing.
+QString creationComplaint(const Call &call)
 {
-    static const QRegularExpression account(u"^[a-z][a-z0-9_-]{0,30}$"_s);
-    const auto has = [&](QLatin1StringView name) { return arguments.contains(name); };
-    const bool unattended = arguments["unattended"_L1].toBool();
-    const QString user = arguments["username"_L1].toString();
-    const QString password = arguments["password"_L1].toString();
-    if (unattended && !(has("username"_L1) && has("password"_L1)))
-        return u"unattended:true needs username and password"_s;
-    if (!unattended && (has("username"_L1) || has("password"_L1)))
-        return u"username and password are only for unattended:true"_s;
-    if (unattended && (!account.match(user).hasMatch() || user == "root"_L1))
-        return u"username must be of a-z, 0-9, _ and -, and another than root"_s;
-    if (unattended && (password.isEmpty() || password.contains(u'\n') || password.contains(u'\0')))
-        return u"password must be one line"_s;
-    if (!has("userData"_L1) && !has("userDataPath"_L1))
-        return {};
-    if (arguments["os"_L1].toString() != "linux"_L1 || !unattended)
-        return u"user data is only for os:linux with unattended:true"_s;
-    if (has("userData"_L1) && has("userDataPath"_L1))
-        return u"give userData or userDataPath, not both"_s;
-    if (has("userDataPath"_L1) && !QFileInfo(arguments["userDataPath"_L1].toString()).isFile())
-        return u"userDataPath is not a file on the host"_s;
-    return {};
-}
-
-QString imageComplaint(const QJsonObject &arguments)
-{
-    const QString image = arguments["image"_L1].toString();
-    const QJsonArray listed = images();
-    const bool known = std::any_of(listed.begin(), listed.end(), [&](const QJsonValue &one) {
-        return (image.isEmpty() || one["imageId"_L1] == image)
-               && one["os"_L1] == arguments["os"_L1];
-    });
-    const QFileInfo file(image);
-    if (known && (!image.isEmpty() || !arguments.contains("image"_L1)))
-        return {};
-    if (!file.isAbsolute() || !file.isFile() || file.suffix() != "iso"_L1)
-        return "there is no image for this os (list_images, or an .iso): "_L1 + image;
-    return arguments["unattended"_L1].toBool()
-                   ? u"unattended:true needs a listed image (list_images)"_s
-                   : QString();
-}
-
-std::optional<Answer> refuseCreation(const World &world, const QJsonObject &arguments)
-{
-    const QString name = arguments["name"_L1].toString();
-    if (arguments.contains("name"_L1)
-        && (name.isEmpty() || name.size() > MaxNameLength || name.startsWith(u'.')
-            || name.contains(u'/') || name.contains(u'\0')))
-        return wrong(u"name must be up to %1 characters, without / and no dot in front"_s.arg(
-                MaxNameLength));
-    if (world.isTaken(name))
-        return wrong(u"the name %1 is taken"_s.arg(name));
-    if (arguments["os"_L1].toString() == "macOS"_L1)
-        return unavailable(u"this host cannot run macOS"_s);
-    if (const QString missing = missingOnHost(); !missing.isEmpty())
-        return unavailable(missing);
-    if (arguments.contains("linuxExperience"_L1) && arguments["os"_L1].toString() != "linux"_L1)
-        return wrong(u"linuxExperience is only for os:linux"_s);
-    for (const QString &complaint : { accountComplaint(arguments), imageComplaint(arguments) }) {
-        if (!complaint.isEmpty())
-            return wrong(complaint);
+    static const QRegularExpression names(u"^[^./\\0][^/\\0]{0,99}$"_s);
+    static const QRegularExpression accounts(u"^(?!root$)[a-z][a-z0-9_-]{0,30}$"_s);
+    static const QRegularExpression passwords(u"^[^\\n\\0]+$"_s);
+    const auto has = [&call](QLatin1StringView name) { return call.arguments.contains(name); };
+    const bool unattended = call.flag("unattended"_L1);
+    const bool linux = call.text("os"_L1) == "linux"_L1;
+    const bool userData = has("userData"_L1) || has("userDataPath"_L1);
+    const QFileInfo image(call.text("image"_L1));
+    const bool listed = linux && (!has("image"_L1) || call.text("image"_L1) == smallLinux);
+    const bool disc = image.isAbsolute() && image.isFile() && image.suffix() == "iso"_L1;
+    const std::pair<bool, QString> faults[] {
+        { has("name"_L1) && !names.match(call.text("name"_L1)).hasMatch(),
+          u"name must be 1 to 100 characters, without / and no dot in front"_s },
+        { call.world.isTaken(call.text("name"_L1)), u"the name is taken"_s },
+        { has("linuxExperience"_L1) && !linux, u"linuxExperience is only for os:linux"_s },
+        { has("username"_L1) != unattended || has("password"_L1) != unattended,
+          u"unattended:true needs username and password, and they need it"_s },
+        { unattended && !accounts.match(call.text("username"_L1)).hasMatch(),
+          u"username must be of a-z, 0-9, _ and -, and another than root"_s },
+        { unattended && !passwords.match(call.text("password"_L1)).hasMatch(),
+          u"password must be one line"_s },
+        { userData && !(linux && unattended),
+          u"user data is only for os:linux with unattended:true"_s },
+        { !listed && !disc, u"there is no such image for this os (list_images, or an .iso)"_s },
+        { !listed && unattended, u"unattended:true needs a listed image (list_images)"_s },
+    };
+    for (const auto &[holds, complaint] : faults) {
+        if (holds)
+            return complaint;
     }
-    if (arguments.contains("userData"_L1) || arguments.contains("userDataPath"_L1))
-        return unavailable(u"Small Linux has no cloud-init"_s);
-    return refuseHardware(arguments);
+    return {};
 }
 
 Later<Answer> createVm(const Call &call)
 {
-    if (const auto refusal = refuseCreation(call.world, call.arguments))
+    if (call.text("os"_L1) == "macOS"_L1)
+        co_return unavailable(u"this host cannot run macOS"_s);
+    if (const QString complaint = creationComplaint(call); !complaint.isEmpty())
+        co_return wrong(complaint);
+    if (const auto refusal = refuseHardware(call.arguments))
         co_return *refusal;
+    if (call.arguments.contains("userData"_L1) || call.arguments.contains("userDataPath"_L1))
+        co_return unavailable(u"Small Linux has no cloud-init"_s);
+    if (const QString missing = missingOnHost(); !missing.isEmpty())
+        co_return unavailable(missing);
     const JobPtr job = call.world.startCreation(call.arguments);
-    if (call.arguments["async"_L1].toBool())
-        co_return ok({ { u"jobId"_s, job->status["jobId"_L1] } });
+    if (call.flag("async"_L1))
+        co_return ok("jobId"_L1, job->status["jobId"_L1]);
     while (job->runs())
         co_await pause(LookMs);
     const MachinePtr machine = call.world.findMachine(job->status["vmId"_L1].toString());
@@ -100,8 +71,7 @@ Later<Answer> jobStatus(const Call &call) { return ok(call.job->status); }
 
 Later<Answer> jobWait(const Call &call)
 {
-    const Later<bool> timeUp
-            = pause(static_cast<int>(call.arguments["timeoutSeconds"_L1].toInteger(120) * 1'000));
+    const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 120) * 1'000);
     while (call.job->runs() && !timeUp.isSet() && call.wanted())
         co_await pause(LookMs);
     co_return ok(call.job->status);
@@ -112,18 +82,30 @@ Later<Answer> listJobs(const Call &call)
     QJsonArray all;
     for (const JobPtr &job : call.world.jobs)
         all.append(job->status);
-    return ok({ { u"jobs"_s, all } });
+    return ok("jobs"_L1, all);
+}
+
+Later<Answer> listImages(const Call &)
+{
+    QFile file(guestFile(u"version"_s));
+    if (!missingOnHost().isEmpty() || !file.open(QIODevice::ReadOnly))
+        return ok("images"_L1, QJsonArray());
+    const QString version = "Small Linux "_L1 + QString::fromUtf8(file.readAll()).trimmed();
+    const QJsonObject image = object("imageId"_L1, smallLinux, "os"_L1, u"linux"_s, "version"_L1,
+                                     version, "downloaded"_L1, true);
+    return ok("images"_L1, QJsonArray { image });
 }
 
 } // namespace
 
 std::vector<Tool> jobTools()
 {
-    using enum Tool::Subject;
     return {
-        { "create_vm"_L1, Host, {}, createVm },
-        { "job_status"_L1, Job, {}, jobStatus },
-        { "job_wait"_L1, Job, {}, jobWait },
-        { "list_jobs"_L1, Host, {}, listJobs },
+        { u"create_vm"_s, {}, createVm, {} },
+        { u"job_status"_s, {}, jobStatus, {} },
+        { u"job_wait"_s, {}, jobWait, {} },
+        { u"list_jobs"_s, {}, listJobs, {} },
+        { u"list_images"_s, {}, listImages, {} },
+        { u"list_restore_images"_s, {}, nullptr, u"this host cannot run macOS"_s },
     };
 }

@@ -4,6 +4,8 @@
 #include "screen.h"
 #include "tools.h"
 
+#include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 
 using namespace Qt::StringLiterals;
@@ -19,7 +21,7 @@ Later<Answer> listVms(const Call &call)
     QJsonArray vms;
     for (const MachinePtr &machine : call.world.machines)
         vms.append(machine->pick({ "id"_L1, "name"_L1, "os"_L1, "state"_L1 }));
-    return ok({ { u"vms"_s, vms } });
+    return ok("vms"_L1, vms);
 }
 
 Later<Answer> getVm(const Call &call)
@@ -43,29 +45,27 @@ Later<Answer> startVm(const Call &call)
 
 Later<Answer> stopByForce(const Call &call)
 {
-    if (call.machine->is("suspended"_L1)) {
-        if (const QString complaint = co_await call.machine->dropMemory(); !complaint.isEmpty())
-            co_return fail(u"failed"_s, complaint);
-    }
+    QString complaint;
+    if (call.machine->is("suspended"_L1))
+        complaint = co_await call.machine->dropMemory();
     call.machine->cutPower();
     while (call.machine->qemu)
         co_await pause(LookMs);
-    co_return stateOf(*call.machine);
+    co_return complaint.isEmpty() ? stateOf(*call.machine) : fail(u"failed"_s, complaint);
 }
 
 Later<Answer> stopVm(const Call &call)
 {
-    if (call.arguments["mode"_L1].toString() == "force"_L1)
+    if (call.text("mode"_L1) == "force"_L1)
         co_return co_await stopByForce(call);
     if (call.machine->is("suspended"_L1))
         co_return wrongState(u"the VM is suspended; only mode:force stops it"_s);
-    QElapsedTimer waited;
-    waited.start();
-    qint64 asked = -AskAgainMs;
-    while (call.machine->is("running"_L1) && waited.elapsed() < ShutdownMs && call.wanted()) {
-        if (call.machine->qemu && waited.elapsed() >= asked + AskAgainMs) {
-            asked = waited.elapsed();
+    const Later<bool> timeUp = pause(ShutdownMs);
+    Later<bool> askAgain = true;
+    while (call.machine->qemu && !timeUp.isSet() && call.wanted()) {
+        if (askAgain.isSet()) {
             call.machine->qemu->command(u"system_powerdown"_s);
+            askAgain = pause(AskAgainMs);
         }
         co_await pause(LookMs);
     }
@@ -90,90 +90,165 @@ Later<Answer> deleteVm(const Call &call)
 {
     call.machine->folder.removeRecursively();
     call.world.machines.remove(call.machine);
-    return ok({ { u"id"_s, call.machine->text("id"_L1) }, { u"deleted"_s, true } });
+    return ok("id"_L1, call.machine->text("id"_L1), "deleted"_L1, true);
 }
 
 Later<Answer> waitForState(const Call &call)
 {
     const QString target = call.arguments["target"_L1].toString(u"running"_s);
-    const Later<bool> timeUp = pause(call.arguments["timeoutSeconds"_L1].toInt(45) * 1'000);
+    const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 45) * 1'000);
     while (call.machine->text("state"_L1) != target && !timeUp.isSet() && call.wanted()) {
         if (!call.world.findMachine(call.machine->text("id"_L1)))
             co_return fail(u"not_found"_s, u"the VM was deleted"_s);
         co_await pause(LookMs);
     }
     const QString state = call.machine->text("state"_L1);
-    co_return ok({ { u"reached"_s, state == target }, { u"state"_s, state } });
+    co_return ok("reached"_L1, state == target, "state"_L1, state);
 }
 
 Later<Answer> getDiagnostics(const Call &call)
 {
     const Machine &machine = *call.machine;
-    QJsonArray checks;
-    const auto check = [&checks](const QString &name, bool holds, const QString &advice) {
-        checks.append(QJsonObject { { u"name"_s, name },
-                                    { u"ok"_s, holds },
-                                    { u"advice"_s, holds ? QString() : advice } });
-    };
     const bool runs = machine.qemu != nullptr;
     const auto noMemory = runs ? std::nullopt : call.world.refuseStart(machine);
+    QJsonArray checks;
+    const auto check = [&checks](const QString &name, bool holds, const QString &advice) {
+        checks.append(
+                object("name"_L1, name, "ok"_L1, holds, "advice"_L1, holds ? QString() : advice));
+    };
     check(u"host"_s, missingOnHost().isEmpty(), missingOnHost());
-    check(u"memory"_s, !noMemory,
-          noMemory ? noMemory->value("error"_L1)["message"_L1].toString() : QString());
+    check(u"memory"_s, !noMemory, u"Too little is free: stop another VM."_s);
     check(u"disk space"_s, freeDiskGB(call.world.folder()) > 0,
-          u"Free space in the temporary folder: the disk cannot grow."_s);
+          u"Free space in the temporary folder."_s);
     check(u"system"_s, machine.settings["installed"_L1].toBool(),
           u"Install one from the console, then finish_install."_s);
     if (runs) {
-        check(u"hardware acceleration"_s, machine.accelerated,
-              u"KVM does not work on this host: the VM is emulated, which is slow."_s);
+        check(u"acceleration"_s, machine.accelerated,
+              u"KVM does not work here: the VM is emulated, which is slow."_s);
         check(u"guest tools"_s, machine.booted,
               u"The guest has not booted yet, or has no tools."_s);
     }
-    return ok({ { u"state"_s, machine.settings["state"_L1] },
-                { u"uptimeSeconds"_s, runs ? machine.started.elapsed() / 1'000 : 0 },
-                { u"checks"_s, checks },
-                { u"lastError"_s,
-                  machine.lastError.isEmpty() ? QJsonValue() : QJsonValue(machine.lastError) } });
+    return ok("state"_L1, machine.settings["state"_L1], "uptimeSeconds"_L1,
+              runs ? machine.started.elapsed() / 1'000 : 0, "checks"_L1, checks, "lastError"_L1,
+              machine.lastError.isEmpty() ? QJsonValue() : machine.lastError);
 }
 
 Later<Answer> tailLog(const Call &call)
 {
-    const QRegularExpression pattern(call.arguments["grep"_L1].toString());
+    const QRegularExpression pattern(call.text("grep"_L1));
     const auto oldest = QDateTime::currentDateTimeUtc().addSecs(
             -call.arguments["sinceSeconds"_L1].toInteger(1'000'000'000));
     QJsonArray lines;
     for (const auto &[time, text] : call.machine->log) {
         if (pattern.match(text).hasMatch() && time >= oldest)
-            lines.append(QJsonObject { { u"time"_s, time.toString(Qt::ISODateWithMs) },
-                                       { u"text"_s, text } });
+            lines.append(object("time"_L1, time.toString(Qt::ISODateWithMs), "text"_L1, text));
     }
     while (lines.size() > MaxLogLines)
         lines.removeFirst();
-    return ok({ { u"lines"_s, lines } });
+    return ok("lines"_L1, lines);
 }
 
-Later<Answer> revealVm(const Call &)
+Later<Answer> setHardware(const Call &call)
 {
-    return unavailable(u"the demonstration shows no windows"_s);
+    if (call.arguments.size() < 2)
+        return wrong(u"give at least one setting to change"_s);
+    QJsonObject changed = call.machine->settings;
+    for (auto it = call.arguments.begin(); it != call.arguments.end(); ++it)
+        changed[it.key()] = it.value();
+    if (const auto refusal = refuseHardware(changed))
+        return *refusal;
+    call.machine->settings = changed;
+    return ok(told(*call.machine));
+}
+
+Later<Answer> resizeDisk(const Call &call)
+{
+    const int size = call.arguments["newGB"_L1].toInt();
+    if (size <= call.machine->settings["diskGB"_L1].toInt())
+        co_return wrong(u"a disk can only grow"_s);
+    const Flag works(call.machine->busy);
+    const Outcome grown = co_await call.machine->diskTool(u"resize -q disk.qcow2 %1G"_s.arg(size));
+    if (!grown.succeeded())
+        co_return fail(u"failed"_s, grown.words());
+    call.machine->settings["diskGB"_L1] = size;
+    co_return ok(call.machine->pick({ "id"_L1, "diskGB"_L1 }));
+}
+
+Later<Answer> setInstallerMedia(const Call &call)
+{
+    const QFileInfo file(call.text("path"_L1));
+    if (!file.isAbsolute() || !file.isFile() || !file.isReadable() || file.suffix() != "iso"_L1)
+        return wrong(u"path is not a readable .iso file on the host"_s);
+    call.machine->settings["installerMedia"_L1] = file.filePath();
+    return ok(told(*call.machine));
+}
+
+// Whether the disk begins as one that a PC boots from; Small Linux does without.
+Later<bool> hasBootSector(MachinePtr machine)
+{
+    QFile sector(machine->folder.filePath(u"sector"_s));
+    co_await machine->diskTool(u"dd -f qcow2 -O raw bs=512 count=1 if=disk.qcow2 of=sector"_s);
+    co_return sector.open(QIODevice::ReadOnly) && sector.readAll().endsWith("\x55\xaa");
+}
+
+Later<Answer> finishInstall(const Call &call)
+{
+    QJsonObject &settings = call.machine->settings;
+    const Flag works(call.machine->busy);
+    const bool otherSystem = co_await hasBootSector(call.machine);
+    const bool small = settings["smallLinux"_L1].toBool() && !otherSystem;
+    settings["smallLinux"_L1] = small;
+    settings["guestTools"_L1] = small ? QJsonValue(guestToolsVersion) : QJsonValue();
+    settings["installed"_L1] = true;
+    settings["installerMedia"_L1] = QJsonValue::Null;
+    co_return ok(told(*call.machine));
+}
+
+Later<Answer> hostCapabilities(const Call &call)
+{
+    return ok("maxCpu"_L1, hostProcessors(), "maxRamGB"_L1, hostMemoryGB(), "freeDiskGB"_L1,
+              freeDiskGB(call.world.folder()), "nestedVirt"_L1, false, "rosetta"_L1, false,
+              "bridgeInterfaces"_L1, QJsonArray());
+}
+
+Later<Answer> networkingStatus(const Call &)
+{
+    return ok("installed"_L1, false, "running"_L1, false, "version"_L1, QJsonValue(), "problems"_L1,
+              QJsonArray());
 }
 
 } // namespace
 
 std::vector<Tool> machineTools()
 {
-    using enum Needs;
-    using Tool::Subject::Machine;
+    const QString noService = u"the demonstration has no networking service"_s;
+    const QString noDisc = u"there is no disc of guest tools: Small Linux has them built in"_s;
+    const QString noSharing = u"the kernel of Small Linux cannot share folders"_s;
+    const QString noWindow = u"the demonstration shows no windows"_s;
     return {
-        { "list_vms"_L1, Tool::Subject::Host, {}, listVms },
-        { "get_vm"_L1, Machine, {}, getVm },
-        { "start_vm"_L1, Machine, { NotSuspended }, startVm },
-        { "stop_vm"_L1, Machine, {}, stopVm },
-        { "suspend_resume_vm"_L1, Machine, { NotStopped }, suspendResumeVm },
-        { "delete_vm"_L1, Machine, { Stopped, Confirm }, deleteVm },
-        { "wait_for_state"_L1, Machine, {}, waitForState },
-        { "get_diagnostics"_L1, Machine, {}, getDiagnostics },
-        { "tail_log"_L1, Machine, {}, tailLog },
-        { "reveal_vm"_L1, Machine, {}, revealVm },
+        { u"list_vms"_s, {}, listVms, {} },
+        { u"get_vm"_s, {}, getVm, {} },
+        { u"start_vm"_s, u"unsuspended"_s, startVm, {} },
+        { u"stop_vm"_s, {}, stopVm, {} },
+        { u"suspend_resume_vm"_s, u"unstopped"_s, suspendResumeVm, {} },
+        { u"delete_vm"_s, u"stopped confirm"_s, deleteVm, {} },
+        { u"wait_for_state"_s, {}, waitForState, {} },
+        { u"get_diagnostics"_s, {}, getDiagnostics, {} },
+        { u"tail_log"_s, {}, tailLog, {} },
+        { u"reveal_vm"_s, {}, nullptr, noWindow },
+        { u"set_hardware"_s, u"stopped"_s, setHardware, {} },
+        { u"resize_disk"_s, u"stopped confirm"_s, resizeDisk, {} },
+        { u"set_installer_media"_s, u"stopped"_s, setInstallerMedia, {} },
+        { u"finish_install"_s, u"stopped"_s, finishInstall, {} },
+        { u"set_attach_linux_guest_tools"_s, u"linux stopped"_s, nullptr, noDisc },
+        { u"set_linux_network_path"_s, u"linux"_s, nullptr, noService },
+        { u"add_shared_folder"_s, {}, nullptr, noSharing },
+        { u"remove_shared_folder"_s, {}, nullptr, noSharing },
+        { u"set_shared_folder_readonly"_s, {}, nullptr, noSharing },
+        { u"host_capabilities"_s, {}, hostCapabilities, {} },
+        { u"networking_status"_s, {}, networkingStatus, {} },
+        { u"networking_install"_s, {}, nullptr, noService },
+        { u"networking_repair"_s, {}, nullptr, noService },
+        { u"networking_uninstall"_s, {}, nullptr, noService },
     };
 }

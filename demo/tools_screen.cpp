@@ -3,32 +3,114 @@
 #include "screen.h"
 #include "tools.h"
 
+#include <QBuffer>
+#include <QFile>
 #include <QRegularExpression>
+#include <QTemporaryFile>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
+constexpr int TextWidth = 720; // of 80 columns; text mode alone has it
+constexpr int TextHeight = 400;
+constexpr int Columns = 80;
+constexpr qsizetype TextBytes = 0x8000;
+constexpr int PollMs = 20;
 constexpr int ReadAgainMs = 300;
 
-Later<Answer> noWindow(const Call &)
+// The code page of VGA's font: first what it has for control characters, then its upper half.
+constexpr QStringView ControlGlyphs = u" ☺☻♥♦♣♠•◘○◙♂♀♪♫☼►◄↕‼¶§▬↨↑↓→←∟↔▲▼";
+constexpr QStringView UpperGlyphs
+        = u"ÇüéâäàåçêëèïîìÄÅÉæÆôöòûùÿÖÜ¢£¥₧ƒáíóúñÑªº¿⌐¬½¼¡«»░▒▓│┤╡╢╖╕╣║╗╝╜╛┐"
+          "└┴┬├─┼╞╟╚╔╩╦╠═╬╧╨╤╥╙╘╒╓╫╪┘┌█▄▌▐▀αßΓπΣσµτΦΘΩδ∞φε∩≡±≥≤⌠⌡÷≈°∙·√ⁿ²■ ";
+
+QChar glyph(uchar code)
 {
-    return unavailable(u"the demonstration shows no windows"_s);
+    return code < 0x20   ? ControlGlyphs[code]
+           : code < 0x80 ? QChar(ushort { code })
+                         : UpperGlyphs[code - 0x80];
 }
 
-Later<Answer> setDisplayResolution(const Call &)
+// A file in the machine's folder that QEMU writes for us, gone with this object.
+class Handover
 {
-    return unavailable(u"the guest's text screen has a fixed size of 720 x 400 pixels"_s);
+public:
+    explicit Handover(const MachinePtr &machine) : file(machine->folder.filePath(name)) { }
+    ~Handover() { file.remove(); }
+    Q_DISABLE_COPY_MOVE(Handover)
+    QByteArray read() { return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray(); }
+
+    const QString name = u"handover-%1"_s.arg(++lastNumber);
+
+private:
+    static inline int lastNumber = 0;
+    QFile file;
+};
+
+// Of "portb[0x03d5] = 4f".
+int portValue(const QJsonObject &answer)
+{
+    return answer["return"_L1].toString().trimmed().section(u' ', -1).toInt(nullptr, 16);
+}
+
+QStringList linesOf(const QByteArray &memory, int start, int rows)
+{
+    QStringList lines;
+    for (int row = 0; row < rows; ++row) {
+        QString line;
+        for (int column = 0; column < Columns; ++column) {
+            const qsizetype cell = start + row * Columns + column;
+            line += glyph(static_cast<uchar>(memory[2 * cell % TextBytes]));
+        }
+        while (line.endsWith(u' '))
+            line.chop(1);
+        lines += line;
+    }
+    while (!lines.isEmpty() && lines.last().isEmpty())
+        lines.removeLast();
+    return lines;
+}
+
+// What the screen shows in VGA's text mode, exactly, without blanks at the ends of lines and blank
+// lines at the end. Nothing where it is graphical, or the machine has ended.
+Later<std::optional<QStringList>> readText(MachinePtr machine)
+{
+    const QImage picture = co_await takePicture(machine);
+    while (machine->textIsRead)
+        co_await pause(PollMs);
+    if (picture.size() != QSize(TextWidth, TextHeight) || !machine->qemu)
+        co_return std::nullopt;
+    const Flag reads(machine->textIsRead);
+    Handover file(machine);
+    Qemu &qemu = *machine->qemu;
+    // The registers of the CRT controller are read through its index, which is the guest's: the
+    // guest stands still meanwhile, and finds the index as it was.
+    qemu.command(u"stop"_s);
+    const Later<QJsonObject> index = qemu.monitor(u"i/b 0x3d4"_s);
+    const Later<QJsonObject> high = qemu.monitor(u"i/b 0x3d4.12"_s);
+    const Later<QJsonObject> low = qemu.monitor(u"i/b 0x3d4.13"_s);
+    const Later<QJsonObject> scanLines = qemu.monitor(u"i/b 0x3d4.9"_s);
+    const Later<QJsonObject> saved
+            = qemu.command(u"pmemsave"_s, object("val"_L1, 0xb8000, "size"_L1, TextBytes,
+                                                 "filename"_L1, file.name));
+    const QJsonObject before = co_await index;
+    if (machine->qemu) {
+        machine->qemu->monitor(u"o/b 0x3d4 %1"_s.arg(portValue(before)));
+        machine->qemu->command(u"cont"_s);
+    }
+    const int start = portValue(co_await high) * 0x100 + portValue(co_await low);
+    const int cellHeight = (portValue(co_await scanLines) & 0x1f) + 1;
+    co_await saved;
+    const QByteArray memory = file.read();
+    if (memory.size() != TextBytes)
+        co_return std::nullopt;
+    co_return linesOf(memory, start, TextHeight / cellHeight);
 }
 
 Later<Answer> captureScreen(const Call &call)
 {
-    const QImage screen = co_await takePicture(call.machine);
-    if (screen.isNull())
-        co_return wrongState(u"the VM has stopped"_s);
-    QString error;
-    const auto picture = captureResult(screen, call.arguments, &error);
-    co_return picture ? ok(*picture) : wrong(error);
+    co_return captured(co_await takePicture(call.machine), call.arguments);
 }
 
 Answer refuseText(const Machine &machine)
@@ -43,26 +125,23 @@ Later<Answer> readConsoleText(const Call &call)
     const auto text = co_await readText(call.machine);
     if (!text)
         co_return refuseText(*call.machine);
-    const QStringList lines
-            = text->filter(QRegularExpression(call.arguments["pattern"_L1].toString()));
-    co_return ok({ { u"text"_s, lines.join(u'\n') }, { u"lines"_s, lines.size() } });
+    const QStringList lines = text->filter(QRegularExpression(call.text("pattern"_L1)));
+    co_return ok("text"_L1, lines.join(u'\n'), "lines"_L1, lines.size());
 }
 
 Later<Answer> waitForText(const Call &call)
 {
-    const QRegularExpression pattern(call.arguments["pattern"_L1].toString());
-    const Later<bool> timeUp = pause(call.arguments["timeoutSeconds"_L1].toInt(45) * 1'000);
+    const QRegularExpression pattern(call.text("pattern"_L1));
+    const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 45) * 1'000);
     while (call.wanted()) {
         const bool last = timeUp.isSet();
         const auto text = co_await readText(call.machine);
-        if (!call.machine->is("running"_L1))
+        if (!call.machine->is("running"_L1) || (last && !text))
             co_return refuseText(*call.machine);
         const QStringList lines = text ? text->filter(pattern) : QStringList();
-        if (last && !text)
-            co_return refuseText(*call.machine);
         if (last || !lines.isEmpty())
-            co_return ok({ { u"found"_s, !lines.isEmpty() },
-                           { u"line"_s, lines.isEmpty() ? QJsonValue() : lines[0] } });
+            co_return ok("found"_L1, !lines.isEmpty(), "line"_L1,
+                         lines.isEmpty() ? QJsonValue() : lines[0]);
         co_await pause(ReadAgainMs);
     }
     co_return {};
@@ -70,15 +149,63 @@ Later<Answer> waitForText(const Call &call)
 
 } // namespace
 
+Later<QImage> takePicture(MachinePtr machine)
+{
+    if (!machine->qemu)
+        co_return {};
+    Handover file(machine);
+    co_await machine->qemu->command(u"screendump"_s, object("filename"_L1, file.name));
+    const QImage image = QImage::fromData(file.read());
+    if (!image.isNull())
+        machine->settings["display"_L1]
+                = QJsonObject { { u"width"_s, image.width() }, { u"height"_s, image.height() } };
+    co_return image;
+}
+
+Answer captured(const QImage &screen, const QJsonObject &arguments)
+{
+    const QJsonArray asked = arguments["region"_L1].toArray();
+    const QRectF part(asked[0].toDouble(), asked[1].toDouble(), asked[2].toDouble(),
+                      asked[3].toDouble());
+    const QRect region = arguments.contains("region"_L1) ? part.toRect() : screen.rect();
+    if (screen.isNull())
+        return wrongState(u"the VM has stopped"_s);
+    if (region.isEmpty() || !screen.rect().contains(region) || asked.size() % 4 != 0)
+        return wrong(u"region must be [x, y, width, height] inside the screen"_s);
+    const double scale = arguments["scale"_L1].toDouble(1);
+    const QSize size = (QSizeF(region.size()) * scale).toSize().expandedTo({ 1, 1 });
+    const QImage picture
+            = screen.copy(region).scaled(size, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    const QString format = arguments["format"_L1].toString(u"png"_s);
+    QBuffer bytes;
+    bytes.open(QIODevice::WriteOnly);
+    if (!picture.save(&bytes, format.toLatin1().constData()))
+        return fail(u"failed"_s, "this host cannot write the format "_L1 + format);
+    QJsonObject result = object("format"_L1, format, "width"_L1, size.width(), "height"_L1,
+                                size.height(), "scale"_L1, scale, "displayWidth"_L1, screen.width(),
+                                "displayHeight"_L1, screen.height());
+    if (arguments["output"_L1].toString() != "file"_L1) {
+        result["imageBase64"_L1] = QString::fromLatin1(bytes.data().toBase64());
+        return ok(result);
+    }
+    // Only the user may read it, under a name that nobody else can have taken before.
+    QTemporaryFile file(QDir::temp().filePath(u"orrery-demo-XXXXXX."_s + format));
+    file.setAutoRemove(false);
+    if (!file.open() || file.write(bytes.data()) != bytes.size() || !file.flush())
+        return fail(u"failed"_s, "cannot write a picture: "_L1 + file.errorString());
+    result["path"_L1] = file.fileName();
+    return ok(result);
+}
+
 std::vector<Tool> screenTools()
 {
-    using enum Needs;
-    using Tool::Subject::Machine;
+    const QString noWindow = u"the demonstration shows no windows"_s;
+    const QString noResolution = u"the guest's text screen has a fixed size of 720 x 400 pixels"_s;
     return {
-        { "set_console_window_size"_L1, Machine, { Running }, noWindow },
-        { "set_display_resolution"_L1, Machine, { Running, GuestTools }, setDisplayResolution },
-        { "capture_screen"_L1, Machine, { Running }, captureScreen },
-        { "read_console_text"_L1, Machine, { Running }, readConsoleText },
-        { "wait_for_text"_L1, Machine, { Running }, waitForText },
+        { u"set_console_window_size"_s, u"running"_s, nullptr, noWindow },
+        { u"set_display_resolution"_s, u"running tools"_s, nullptr, noResolution },
+        { u"capture_screen"_s, u"running"_s, captureScreen, {} },
+        { u"read_console_text"_s, u"running"_s, readConsoleText, {} },
+        { u"wait_for_text"_s, u"running"_s, waitForText, {} },
     };
 }

@@ -2,13 +2,12 @@
 
 #pragma once
 
-#include "answers.h"
 #include "machine.h"
 
 #include <QJsonArray>
 
-// The images that a machine can be created from.
-QJsonArray images();
+const QString smallLinux = QStringLiteral("small-linux"); // the id of its image
+const QString guestToolsVersion = QStringLiteral("1.0"); // which Small Linux has
 
 // The answer where these settings of a machine ask for what there cannot be, here or at all.
 std::optional<Answer> refuseHardware(const QJsonObject &settings);
@@ -57,6 +56,7 @@ public:
 
 private:
     Later<bool> create(JobPtr job);
+    Later<QString> build(JobPtr job, QString folder);
     void advance(Job &job, int progress, const QString &step);
 
     EventSink sink;
