@@ -20,34 +20,35 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int ConnectMs = 500;
+constexpr qsizetype MaxPathBytes = 107; // of a socket, unix(7)
 
-void send(QLocalSocket &client, const QJsonObject &message)
+void send(const QPointer<QLocalSocket> &client, const QJsonObject &message)
 {
-    client.write(QJsonDocument(message).toJson(QJsonDocument::Compact) + '\n');
-    client.flush();
+    if (!client) // it went away
+        return;
+    client->write(QJsonDocument(message).toJson(QJsonDocument::Compact) + '\n');
+    client->flush();
 }
 
 class ControlServer
 {
 public:
-    ControlServer()
-        : world([this](const QString &event, const QJsonObject &detail) {
-              broadcast(event, detail);
-          })
+    // Serves once the first machine is there, or ends the program.
+    Later<bool> serve()
     {
         QObject::connect(&server, &QLocalServer::newConnection, &server, [this] { accept(); });
-    }
-
-    // Serves once the first machine is there; gives what went wrong.
-    Later<QString> serve()
-    {
-        const QString complaint = world.open();
-        if (!complaint.isEmpty())
-            co_return complaint;
-        co_await world.begin();
+        QString complaint = world.open();
+        if (complaint.isEmpty())
+            co_await world.begin();
         server.setSocketOptions(QLocalServer::UserAccessOption);
         QLocalServer::removeServer(OrreryControl::pipeName()); // of a run that was killed
-        co_return server.listen(OrreryControl::pipeName()) ? QString() : server.errorString();
+        if (complaint.isEmpty() && !server.listen(OrreryControl::pipeName()))
+            complaint = server.errorString();
+        if (!complaint.isEmpty())
+            std::fprintf(stderr, "orrery (demonstration): %s\n", qUtf8Printable(complaint));
+        if (!complaint.isEmpty())
+            QCoreApplication::exit(1);
+        co_return complaint.isEmpty();
     }
 
 private:
@@ -61,73 +62,58 @@ private:
             }
             QObject::connect(client, &QLocalSocket::readyRead, client, [this, client] {
                 while (client->canReadLine())
-                    receive(*client, QJsonDocument::fromJson(client->readLine()).object());
+                    receive(client, QJsonDocument::fromJson(client->readLine()).object());
             });
         }
     }
 
-    void receive(QLocalSocket &client, const QJsonObject &request)
+    void receive(const QPointer<QLocalSocket> &client, const QJsonObject &request)
     {
-        const QJsonValue id = request["id"_L1];
         const QString method = request["method"_L1].toString();
-        if (method == "hello"_L1 || method == "quit"_L1) {
-            send(client,
-                 { { u"id"_s, id },
-                   { u"result"_s, QJsonObject { { u"app"_s, u"Orrery demonstration"_s } } } });
-            if (method == "quit"_L1)
-                QCoreApplication::quit();
+        if (method != "hello"_L1 && method != "quit"_L1) {
+            answer(client, request);
             return;
         }
-        answer(&client, id, method, request["params"_L1].toObject());
+        const QJsonObject about = object("app"_L1, u"Orrery demonstration"_s);
+        send(client, object("id"_L1, request["id"_L1], "result"_L1, about));
+        if (method == "quit"_L1)
+            QCoreApplication::quit();
     }
 
-    // Whoever went away gets nothing, but what the call keeps has to stay until it has ended.
-    Later<bool> answer(QPointer<QLocalSocket> client, QJsonValue id, QString method,
-                       QJsonObject arguments)
+    // The call stays until its tool has ended, also when nobody waits for the answer any more.
+    Later<bool> answer(QPointer<QLocalSocket> client, QJsonObject request)
     {
-        const auto place = waiting.insert(waiting.end(), client);
-        Call call { world, arguments, [client] { return !client.isNull(); }, {}, {} };
-        Answer body = co_await carryOut(method, call);
-        waiting.erase(place);
-        body["id"_L1] = id;
-        if (client)
-            send(*client, body);
+        waiting << client;
+        const auto wanted = [client] { return !client.isNull(); };
+        Call call { world, request["params"_L1].toObject(), wanted, {}, {} };
+        Answer body = co_await carryOut(request["method"_L1].toString(), call);
+        waiting.removeOne(client);
+        body["id"_L1] = request["id"_L1];
+        send(client, body);
         co_return true;
     }
 
-    // To those who wait for an answer: nobody else reads.
-    void broadcast(const QString &event, const QJsonObject &detail)
-    {
-        for (const auto &client : waiting) {
-            if (client)
-                send(*client, { { u"method"_s, event }, { u"params"_s, detail } });
-        }
-    }
-
     QLocalServer server;
-    World world;
-    std::list<QPointer<QLocalSocket>> waiting;
+    QList<QPointer<QLocalSocket>> waiting; // for an answer: nobody else reads events
+    World world { [this](const QString &event, const QJsonObject &detail) {
+        for (const auto &client : std::as_const(waiting))
+            send(client, object("method"_L1, event, "params"_L1, detail));
+    } };
 };
 
-Later<bool> serveOrQuit(ControlServer &server)
+// Why this process cannot serve the pipe; the lock decides between two that start together.
+QString obstacle(QLockFile &lock)
 {
-    const QString complaint = co_await server.serve();
-    if (complaint.isEmpty()) {
-        std::puts("orrery (demonstration): serving virtual machines");
-        std::fflush(stdout);
-    } else {
-        std::fprintf(stderr, "orrery (demonstration): cannot serve the control pipe: %s\n",
-                     qUtf8Printable(complaint));
-        QCoreApplication::exit(1);
-    }
-    co_return true;
-}
-
-bool somebodyServes()
-{
+    if (QDir::temp().filePath(OrreryControl::pipeName()).toLocal8Bit().size() > MaxPathBytes)
+        return u"TMPDIR is too long: the control pipe's path may have %1 bytes"_s.arg(MaxPathBytes);
+    lock.setStaleLockTime(0);
+    const bool locked = lock.tryLock(0);
+    if (lock.error() != QLockFile::NoError && lock.error() != QLockFile::LockFailedError)
+        return "cannot write in "_L1 + QDir::tempPath();
     QLocalSocket probe;
     probe.connectToServer(OrreryControl::pipeName());
-    return probe.waitForConnected(ConnectMs);
+    return locked && !probe.waitForConnected(ConnectMs) ? QString()
+                                                        : u"the control pipe is served already"_s;
 }
 
 } // namespace
@@ -135,17 +121,15 @@ bool somebodyServes()
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-
-    // The lock decides between two that start at the same moment.
     QLockFile lock(QDir::temp().filePath(OrreryControl::pipeName() + ".lock"_L1));
-    lock.setStaleLockTime(0);
-    if (!lock.tryLock(0) || somebodyServes()) {
-        std::fputs("orrery (demonstration): the control pipe is served already\n", stderr);
-        return 1;
+    const QString complaint = obstacle(lock);
+    for (const QString &text : { complaint, missingOnHost() }) {
+        if (!text.isEmpty())
+            std::fprintf(stderr, "orrery (demonstration): %s\n", qUtf8Printable(text));
     }
-    if (const QString missing = missingOnHost(); !missing.isEmpty())
-        std::fprintf(stderr, "orrery (demonstration): %s\n", qUtf8Printable(missing));
+    if (!complaint.isEmpty())
+        return 1;
     ControlServer server;
-    serveOrQuit(server);
+    server.serve();
     return QCoreApplication::exec();
 }

@@ -53,10 +53,11 @@ const std::vector<Need> needs {
 
 std::optional<Answer> refuse(const Tool &tool, Call &call)
 {
-    call.job = call.world.findJob(call.text("jobId"_L1));
+    for (const JobPtr &job : std::as_const(call.world.jobs))
+        call.job = (*job)["jobId"_L1] == call.text("jobId"_L1) ? job : call.job;
     if (!call.job && call.arguments.contains("jobId"_L1))
         return fail(u"not_found"_s, u"there is no job of this id (list_jobs)"_s);
-    call.machine = call.world.findMachine(call.text("id"_L1));
+    call.machine = call.world.machines.value(call.text("id"_L1));
     if (!call.machine && call.arguments.contains("id"_L1))
         return fail(u"not_found"_s, u"there is no VM of this id (list_vms)"_s);
     const QStringList words = tool.needs.split(u' ', Qt::SkipEmptyParts);
@@ -86,7 +87,7 @@ Later<Answer> carryOut(QString tool, Call &call)
     const auto found = allTools().find(tool);
     if (found == allTools().end()) // of the application's process, which the server manages
         co_return unavailable(u"the application does not have this tool"_s);
-    call.machine = call.world.findMachine(call.text("id"_L1));
+    call.machine = call.world.machines.value(call.text("id"_L1));
     while (call.machine && call.machine->busy)
         co_await pause(LookMs);
     if (const auto refusal = refuse(*found, call))

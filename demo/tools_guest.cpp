@@ -146,10 +146,15 @@ Later<Answer> runInGuest(const Call &call)
     const Later<bool> commandUp = pause(commandMs);
     while (!running.isSet() && !commandUp.isSet() && !wholeUp.isSet() && call.wanted())
         co_await pause(LookMs);
+    const auto clean = [&machine, &mark](const QString &how) {
+        if (machine->qemu)
+            machine->qemu->inGuest(u"kill-session %1 %2"_s.arg(mark, how));
+    };
     const bool timedOut = !running.isSet();
-    if (machine->qemu)
-        machine->qemu->inGuest(u"kill-session %1 %2"_s.arg(mark, timedOut ? u"now"_s : u"done"_s));
+    if (timedOut)
+        clean(u"now"_s);
     const Outcome outcome = co_await running;
+    clean(outcome.tooMuch ? u"now"_s : u"done"_s);
     if (!machine->is("running"_L1))
         co_return wrongState("the VM is now "_L1 + machine->text("state"_L1));
     if (outcome.tooMuch)

@@ -60,28 +60,28 @@ Later<Answer> createVm(const Call &call)
         co_return unavailable(missing);
     const JobPtr job = call.world.startCreation(call.arguments);
     if (call.flag("async"_L1))
-        co_return ok("jobId"_L1, job->status["jobId"_L1]);
-    while (job->runs())
+        co_return ok("jobId"_L1, (*job)["jobId"_L1]);
+    while (runs(job))
         co_await pause(LookMs);
-    const MachinePtr machine = call.world.findMachine(job->status["vmId"_L1].toString());
-    co_return machine ? ok(told(*machine)) : fail(u"failed"_s, job->status["error"_L1].toString());
+    const MachinePtr machine = call.world.machines.value((*job)["vmId"_L1].toString());
+    co_return machine ? ok(told(*machine)) : fail(u"failed"_s, (*job)["error"_L1].toString());
 }
 
-Later<Answer> jobStatus(const Call &call) { return ok(call.job->status); }
+Later<Answer> jobStatus(const Call &call) { return ok(*call.job); }
 
 Later<Answer> jobWait(const Call &call)
 {
     const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 120) * 1'000);
-    while (call.job->runs() && !timeUp.isSet() && call.wanted())
+    while (runs(call.job) && !timeUp.isSet() && call.wanted())
         co_await pause(LookMs);
-    co_return ok(call.job->status);
+    co_return ok(*call.job);
 }
 
 Later<Answer> listJobs(const Call &call)
 {
     QJsonArray all;
     for (const JobPtr &job : call.world.jobs)
-        all.append(job->status);
+        all.append(*job);
     return ok("jobs"_L1, all);
 }
 

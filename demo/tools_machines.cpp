@@ -31,27 +31,30 @@ Later<Answer> getVm(const Call &call)
     co_return ok(told(*call.machine));
 }
 
-Answer stateOf(const Machine &machine) { return ok(machine.pick({ "id"_L1, "state"_L1 })); }
+Answer stateOf(const Machine &machine, const QString &complaint = {})
+{
+    return complaint.isEmpty() ? ok(machine.pick({ "id"_L1, "state"_L1 }))
+                               : fail(u"failed"_s, complaint);
+}
 
 Later<Answer> startVm(const Call &call)
 {
+    const auto refusal = call.world.refuseStart(*call.machine);
     if (call.machine->is("running"_L1))
         co_return stateOf(*call.machine);
-    if (const auto refusal = call.world.refuseStart(*call.machine))
+    if (refusal)
         co_return *refusal;
-    const QString complaint = co_await call.machine->boot();
-    co_return complaint.isEmpty() ? stateOf(*call.machine) : fail(u"failed"_s, complaint);
+    co_return stateOf(*call.machine, co_await call.machine->boot());
 }
 
 Later<Answer> stopByForce(const Call &call)
 {
-    QString complaint;
     if (call.machine->is("suspended"_L1))
-        complaint = co_await call.machine->dropMemory();
+        co_return stateOf(*call.machine, co_await call.machine->dropMemory());
     call.machine->cutPower();
     while (call.machine->qemu)
         co_await pause(LookMs);
-    co_return complaint.isEmpty() ? stateOf(*call.machine) : fail(u"failed"_s, complaint);
+    co_return stateOf(*call.machine);
 }
 
 Later<Answer> stopVm(const Call &call)
@@ -69,27 +72,23 @@ Later<Answer> stopVm(const Call &call)
         }
         co_await pause(LookMs);
     }
-    co_return call.machine->is("stopped"_L1)
-            ? stateOf(*call.machine)
-            : fail(u"timeout"_s, u"the guest has not shut down yet (wait_for_state)"_s);
+    const QString running = u"the guest has not shut down yet (wait_for_state)"_s;
+    co_return stateOf(*call.machine, call.machine->qemu ? running : QString());
 }
 
 Later<Answer> suspendResumeVm(const Call &call)
 {
-    const bool suspended = call.machine->is("suspended"_L1);
-    if (suspended) {
-        if (const auto refusal = call.world.refuseStart(*call.machine))
-            co_return *refusal;
-    }
-    const Later<QString> toggling = suspended ? call.machine->resume() : call.machine->suspend();
-    const QString complaint = co_await toggling;
-    co_return complaint.isEmpty() ? stateOf(*call.machine) : fail(u"failed"_s, complaint);
+    if (!call.machine->is("suspended"_L1))
+        co_return stateOf(*call.machine, co_await call.machine->suspend());
+    if (const auto refusal = call.world.refuseStart(*call.machine))
+        co_return *refusal;
+    co_return stateOf(*call.machine, co_await call.machine->resume());
 }
 
 Later<Answer> deleteVm(const Call &call)
 {
     call.machine->folder.removeRecursively();
-    call.world.machines.remove(call.machine);
+    call.world.machines.remove(call.text("id"_L1));
     return ok("id"_L1, call.machine->text("id"_L1), "deleted"_L1, true);
 }
 
@@ -98,7 +97,7 @@ Later<Answer> waitForState(const Call &call)
     const QString target = call.arguments["target"_L1].toString(u"running"_s);
     const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 45) * 1'000);
     while (call.machine->text("state"_L1) != target && !timeUp.isSet() && call.wanted()) {
-        if (!call.world.findMachine(call.machine->text("id"_L1)))
+        if (!call.world.machines.contains(call.machine->text("id"_L1)))
             co_return fail(u"not_found"_s, u"the VM was deleted"_s);
         co_await pause(LookMs);
     }
@@ -110,24 +109,17 @@ Later<Answer> getDiagnostics(const Call &call)
 {
     const Machine &machine = *call.machine;
     const bool runs = machine.qemu != nullptr;
-    const auto noMemory = runs ? std::nullopt : call.world.refuseStart(machine);
     QJsonArray checks;
     const auto check = [&checks](const QString &name, bool holds, const QString &advice) {
         checks.append(
                 object("name"_L1, name, "ok"_L1, holds, "advice"_L1, holds ? QString() : advice));
     };
     check(u"host"_s, missingOnHost().isEmpty(), missingOnHost());
-    check(u"memory"_s, !noMemory, u"Too little is free: stop another VM."_s);
-    check(u"disk space"_s, freeDiskGB(call.world.folder()) > 0,
-          u"Free space in the temporary folder."_s);
-    check(u"system"_s, machine.settings["installed"_L1].toBool(),
-          u"Install one from the console, then finish_install."_s);
-    if (runs) {
-        check(u"acceleration"_s, machine.accelerated,
-              u"KVM does not work here: the VM is emulated, which is slow."_s);
-        check(u"guest tools"_s, machine.booted,
-              u"The guest has not booted yet, or has no tools."_s);
-    }
+    check(u"memory"_s, runs || !call.world.refuseStart(machine), u"Stop another VM."_s);
+    check(u"disk"_s, freeDiskGB(call.world.place) > 0, "Free space in "_L1 + call.world.place);
+    check(u"acceleration"_s, !runs || machine.accelerated, u"This host has no KVM: it is slow."_s);
+    check(u"system"_s, machine.settings["installed"_L1].toBool(), u"Use finish_install."_s);
+    check(u"guest tools"_s, !runs || machine.booted, u"Wait for the guest's login."_s);
     return ok("state"_L1, machine.settings["state"_L1], "uptimeSeconds"_L1,
               runs ? machine.started.elapsed() / 1'000 : 0, "checks"_L1, checks, "lastError"_L1,
               machine.lastError.isEmpty() ? QJsonValue() : machine.lastError);
@@ -207,7 +199,7 @@ Later<Answer> finishInstall(const Call &call)
 Later<Answer> hostCapabilities(const Call &call)
 {
     return ok("maxCpu"_L1, hostProcessors(), "maxRamGB"_L1, hostMemoryGB(), "freeDiskGB"_L1,
-              freeDiskGB(call.world.folder()), "nestedVirt"_L1, false, "rosetta"_L1, false,
+              freeDiskGB(call.world.place), "nestedVirt"_L1, false, "rosetta"_L1, false,
               "bridgeInterfaces"_L1, QJsonArray());
 }
 

@@ -12,25 +12,17 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int TextWidth = 720; // of 80 columns; text mode alone has it
-constexpr int TextHeight = 400;
+constexpr QSize TextMode(720, 400); // of 80 columns; text mode alone has it
 constexpr int Columns = 80;
 constexpr qsizetype TextBytes = 0x8000;
 constexpr int PollMs = 20;
 constexpr int ReadAgainMs = 300;
-
-// The code page of VGA's font: first what it has for control characters, then its upper half.
-constexpr QStringView ControlGlyphs = u" ☺☻♥♦♣♠•◘○◙♂♀♪♫☼►◄↕‼¶§▬↨↑↓→←∟↔▲▼";
-constexpr QStringView UpperGlyphs
-        = u"ÇüéâäàåçêëèïîìÄÅÉæÆôöòûùÿÖÜ¢£¥₧ƒáíóúñÑªº¿⌐¬½¼¡«»░▒▓│┤╡╢╖╕╣║╗╝╜╛┐"
-          "└┴┬├─┼╞╟╚╔╩╦╠═╬╧╨╤╥╙╘╒╓╫╪┘┌█▄▌▐▀αßΓπΣσµτΦΘΩδ∞φε∩≡±≥≤⌠⌡÷≈°∙·√ⁿ²■ ";
-
-QChar glyph(uchar code)
-{
-    return code < 0x20   ? ControlGlyphs[code]
-           : code < 0x80 ? QChar(ushort { code })
-                         : UpperGlyphs[code - 0x80];
-}
+constexpr QStringView Glyphs // of VGA's font, by their codes
+        = u" ☺☻♥♦♣♠•◘○◙♂♀♪♫☼►◄↕‼¶§▬↨↑↓→←∟↔▲▼ !\"#$%&'()*+,-./0123456789:;<=>?@ABCDEFGHIJKLMNOPQRST"
+          "UVWXYZ[\\]^_`abcdefghijklmnopqrstuvwxyz{|}~"
+          "⌂ÇüéâäàåçêëèïîìÄÅÉæÆôöòûùÿÖÜ¢£¥₧ƒáíóúñÑªº¿⌐¬½¼"
+          "¡«»░▒▓│┤╡╢╖╕╣║╗╝╜╛┐└┴┬├─┼╞╟╚╔╩╦╠═╬╧╨╤╥╙╘╒╓╫╪┘┌█▄▌▐▀αßΓπΣσµτΦΘΩδ∞φε∩≡±≥≤⌠⌡÷≈°∙·√ⁿ²■ ";
+static_assert(Glyphs.size() == 256);
 
 // A file in the machine's folder that QEMU writes for us, gone with this object.
 class Handover
@@ -56,17 +48,14 @@ int portValue(const QJsonObject &answer)
 
 QStringList linesOf(const QByteArray &memory, int start, int rows)
 {
+    static const QRegularExpression blanksAtEnd(u" +$"_s);
     QStringList lines;
-    for (int row = 0; row < rows; ++row) {
-        QString line;
-        for (int column = 0; column < Columns; ++column) {
-            const qsizetype cell = start + row * Columns + column;
-            line += glyph(static_cast<uchar>(memory[2 * cell % TextBytes]));
-        }
-        while (line.endsWith(u' '))
-            line.chop(1);
-        lines += line;
+    for (qsizetype cell = 0; cell < rows * Columns; ++cell) {
+        if (cell % Columns == 0)
+            lines << QString();
+        lines.last() += Glyphs[static_cast<uchar>(memory[2 * (start + cell) % TextBytes])];
     }
+    lines.replaceInStrings(blanksAtEnd, QString());
     while (!lines.isEmpty() && lines.last().isEmpty())
         lines.removeLast();
     return lines;
@@ -79,7 +68,7 @@ Later<std::optional<QStringList>> readText(MachinePtr machine)
     const QImage picture = co_await takePicture(machine);
     while (machine->textIsRead)
         co_await pause(PollMs);
-    if (picture.size() != QSize(TextWidth, TextHeight) || !machine->qemu)
+    if (picture.size() != TextMode || !machine->qemu)
         co_return std::nullopt;
     const Flag reads(machine->textIsRead);
     Handover file(machine);
@@ -105,7 +94,7 @@ Later<std::optional<QStringList>> readText(MachinePtr machine)
     const QByteArray memory = file.read();
     if (memory.size() != TextBytes)
         co_return std::nullopt;
-    co_return linesOf(memory, start, TextHeight / cellHeight);
+    co_return linesOf(memory, start, TextMode.height() / cellHeight);
 }
 
 Later<Answer> captureScreen(const Call &call)

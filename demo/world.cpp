@@ -47,17 +47,17 @@ std::optional<Answer> refuseHardware(const QJsonObject &settings)
     if (!settings["bridgeInterface"_L1].toString().isEmpty() && !bridged)
         return wrong(u"bridgeInterface is only for network:bridge"_s);
     if (settings["rosetta"_L1].toBool() || settings["nestedVirt"_L1].toBool())
-        return unavailable(u"this host has no rosetta and no nestedVirt (host_capabilities)"_s);
+        return unavailable(u"there is no rosetta and no nestedVirt (host_capabilities)"_s);
     if (bridged || !(driver.isEmpty() || driver == "builtin"_L1))
         return unavailable(u"the demonstration has no networking service, only nat and builtin"_s);
     return {};
 }
 
-bool Job::runs() const { return status["state"_L1].toString() == "running"_L1; }
+bool runs(const JobPtr &job) { return (*job)["state"_L1] == "running"_L1; }
 
 World::~World()
 {
-    for (const MachinePtr &machine : machines) // some call may still hold it
+    for (const MachinePtr &machine : std::as_const(machines)) // some call may still hold it
         machine->qemu.reset();
     if (!place.isEmpty())
         QDir(place).removeRecursively();
@@ -85,30 +85,12 @@ Later<bool> World::begin()
             = startCreation(object("os"_L1, u"linux"_s, "name"_L1, u"Demo Linux"_s, "cpu"_L1, 1,
                                    "ramGB"_L1, 1, "diskGB"_L1, 8, "unattended"_L1, true,
                                    "username"_L1, u"demo"_s, "password"_L1, u"demo"_s));
-    while (job->runs())
+    while (runs(job))
         co_await pause(1);
     jobs.clear(); // nobody asked for it
     if (!machines.empty())
-        co_await machines.front()->boot();
+        co_await machines.first()->boot();
     co_return true;
-}
-
-MachinePtr World::findMachine(const QString &id) const
-{
-    for (const MachinePtr &machine : machines) {
-        if (machine->text("id"_L1) == id)
-            return machine;
-    }
-    return {};
-}
-
-JobPtr World::findJob(const QString &jobId) const
-{
-    for (const JobPtr &job : jobs) {
-        if (job->status["jobId"_L1] == jobId)
-            return job;
-    }
-    return {};
 }
 
 bool World::isTaken(const QString &name) const
@@ -117,7 +99,7 @@ bool World::isTaken(const QString &name) const
     for (const MachinePtr &machine : machines)
         taken |= machine->text("name"_L1) == name;
     for (const JobPtr &job : jobs)
-        taken |= job->runs() && job->status["name"_L1] == name;
+        taken |= runs(job) && (*job)["name"_L1] == name;
     return taken;
 }
 
@@ -127,73 +109,60 @@ std::optional<Answer> World::refuseStart(const Machine &machine) const
     int given = 0;
     for (const MachinePtr &other : machines)
         given += other->qemu ? other->settings["ramGB"_L1].toInt() : 0;
-    const int left = std::min(hostMemoryGB() - given, availableMemoryGB());
+    const int left = std::max(0, std::min(hostMemoryGB() - given, availableMemoryGB()));
     if (wanted <= left)
         return {};
-    return unavailable(
-            u"it needs %1 GiB of memory, and the host has %2 left: stop another VM"_s.arg(wanted)
-                    .arg(std::max(0, left)));
+    const QString lack = u"it needs %1 GiB of memory, and the host has %2 left: stop another VM"_s;
+    return unavailable(lack.arg(wanted).arg(left));
 }
 
 JobPtr World::startCreation(QJsonObject arguments)
 {
     QString name = arguments["name"_L1].toString();
-    while (name.isEmpty() || isTaken(name))
-        name = "%1 %2"_L1.arg(arguments["os"_L1].toString(), QString::number(++lastNumber));
+    for (int n = 1; name.isEmpty() || isTaken(name); ++n)
+        name = "%1 %2"_L1.arg(arguments["os"_L1].toString(), QString::number(n));
     arguments["name"_L1] = name;
-    const auto job = std::make_shared<Job>();
-    job->status = object("jobId"_L1, u"job-%1"_s.arg(++lastNumber), "kind"_L1, u"create_vm"_s,
-                         "name"_L1, name, "state"_L1, u"running"_s, "progress"_L1, 0);
-    job->arguments = arguments;
-    jobs.push_front(job);
-    create(job);
-    return job;
+    const QString jobId = u"job-%1"_s.arg(jobs.size() + 1);
+    jobs.prepend(std::make_shared<QJsonObject>(object("jobId"_L1, jobId, "kind"_L1, u"create_vm"_s,
+                                                      "name"_L1, name, "state"_L1, u"running"_s,
+                                                      "progress"_L1, 0, "step"_L1, u"waiting"_s)));
+    create(jobs.first(), arguments);
+    return jobs.first();
 }
 
-void World::advance(Job &job, int progress, const QString &step)
+void World::advance(const JobPtr &job, int progress, const QString &step)
 {
-    job.status["progress"_L1] = progress;
-    job.status["step"_L1] = step;
-    sink(u"job_progress"_s, job.status);
+    (*job)["progress"_L1] = progress;
+    (*job)["step"_L1] = step;
+    sink(u"job_progress"_s, *job);
 }
 
-// What speaks against the machine, or nothing; the folder is left to the caller.
-Later<QString> World::build(JobPtr job, QString folder)
-{
-    advance(*job, 10, u"checking the host"_s);
-    if (freeDiskGB(place) < LeastFreeGB)
-        co_return u"less than %1 GiB is free in %2"_s.arg(LeastFreeGB).arg(place);
-    if (!QDir().mkdir(folder))
-        co_return "cannot make the folder "_L1 + folder;
-    advance(*job, 40, u"making the disk"_s);
-    const QString words = u"create -q -f qcow2 disk.qcow2 %1G"_s;
-    const QString size = words.arg(job->arguments["diskGB"_L1].toInt());
-    const Outcome made = co_await run(u"qemu-img"_s, size.split(u' '), folder);
-    if (!made.succeeded())
-        co_return "making the disk failed: "_L1 + made.words();
-    advance(*job, 80, u"setting up the system"_s);
-    QFile password(folder + "/password"_L1); // for the guest, at its first boot
-    if (!password.open(QIODevice::WriteOnly)
-        || password.write(job->arguments["password"_L1].toString().toUtf8()) < 0)
-        co_return password.errorString();
-    co_return {};
-}
-
-Later<bool> World::create(JobPtr job)
+Later<QString> World::create(JobPtr job, QJsonObject arguments)
 {
     co_await pause(0); // whoever started it is to see all of it
-    const QString folder = "%1/%2.vm"_L1.arg(place, job->status["name"_L1].toString());
-    const QString error = co_await build(job, folder);
-    job->status["state"_L1] = error.isEmpty() ? u"done"_s : u"failed"_s;
+    const QString folder = "%1/%2.vm"_L1.arg(place, arguments["name"_L1].toString());
+    advance(job, 10, u"checking the host"_s);
+    const bool room = freeDiskGB(place) >= LeastFreeGB && QDir().mkdir(folder);
+    advance(job, 40, u"making the disk"_s);
+    const QString words = u"create -q -f qcow2 disk.qcow2 %1G"_s;
+    const QStringList disk = words.arg(arguments["diskGB"_L1].toInt()).split(u' ');
+    const Outcome made = co_await run(u"qemu-img"_s, disk, folder);
+    advance(job, 80, u"setting up the system"_s);
+    QFile password(folder + "/password"_L1); // for the guest, at its first boot
+    const bool written = password.open(QIODevice::WriteOnly)
+                         && password.write(arguments["password"_L1].toString().toUtf8()) >= 0;
+    const QString error = !room               ? "there is no room in "_L1 + place
+                          : !made.succeeded() ? "making the disk failed: "_L1 + made.words()
+                          : !written          ? password.errorString()
+                                              : QString();
+    (*job)["state"_L1] = error.isEmpty() ? u"done"_s : u"failed"_s;
     if (error.isEmpty()) {
-        machines.push_back(std::make_shared<Machine>(folder, settingsOf(job->arguments, folder)));
-        job->status["vmId"_L1] = folder;
+        (*job)["vmId"_L1] = folder;
+        machines[folder] = std::make_shared<Machine>(folder, settingsOf(arguments, folder));
     } else {
+        (*job)["error"_L1] = error;
         QDir(folder).removeRecursively();
-        job->status["error"_L1] = error;
     }
-    job->arguments.remove("password"_L1);
-    advance(*job, error.isEmpty() ? 100 : job->status["progress"_L1].toInt(),
-            job->status["state"_L1].toString());
-    co_return error.isEmpty();
+    advance(job, error.isEmpty() ? 100 : 80, (*job)["state"_L1].toString());
+    co_return error;
 }

@@ -5,6 +5,7 @@
 #include "machine.h"
 
 #include <QJsonArray>
+#include <QMap>
 
 const QString smallLinux = QStringLiteral("small-linux"); // the id of its image
 const QString guestToolsVersion = QStringLiteral("1.0"); // which Small Linux has
@@ -12,15 +13,8 @@ const QString guestToolsVersion = QStringLiteral("1.0"); // which Small Linux ha
 // The answer where these settings of a machine ask for what there cannot be, here or at all.
 std::optional<Answer> refuseHardware(const QJsonObject &settings);
 
-struct Job
-{
-    bool runs() const;
-
-    QJsonObject status; // as job_status returns it
-    QJsonObject arguments; // of create_vm
-};
-
-using JobPtr = std::shared_ptr<Job>;
+using JobPtr = std::shared_ptr<QJsonObject>; // as job_status returns it
+bool runs(const JobPtr &job);
 
 class World
 {
@@ -40,26 +34,19 @@ public:
     // The job that creates a machine of create_vm's arguments.
     JobPtr startCreation(QJsonObject arguments);
 
-    MachinePtr findMachine(const QString &id) const;
-    JobPtr findJob(const QString &jobId) const;
-
     // Whether a machine has the name, or a running job is to give it to one.
     bool isTaken(const QString &name) const;
 
     // The answer where the host has no memory left for a machine that is to run.
     std::optional<Answer> refuseStart(const Machine &machine) const;
 
-    QString folder() const { return place; }
-
-    std::list<MachinePtr> machines;
-    std::list<JobPtr> jobs; // newest first; none is ever removed
+    QString place; // the folder
+    QMap<QString, MachinePtr> machines; // by their ids
+    QList<JobPtr> jobs; // newest first; none is ever removed
 
 private:
-    Later<bool> create(JobPtr job);
-    Later<QString> build(JobPtr job, QString folder);
-    void advance(Job &job, int progress, const QString &step);
+    Later<QString> create(JobPtr job, QJsonObject arguments);
+    void advance(const JobPtr &job, int progress, const QString &step);
 
     EventSink sink;
-    QString place;
-    int lastNumber = 0;
 };
