@@ -63,13 +63,13 @@ inline Later<bool> pause(int ms)
 
 using Answer = QJsonObject; // with "result", or with "error"
 
-inline QJsonObject object() { return {}; }
-
 // Keys and their values in turn.
 template <typename... Rest>
 QJsonObject object(QLatin1StringView key, const QJsonValue &value, const Rest &...rest)
 {
-    QJsonObject whole = object(rest...);
+    QJsonObject whole;
+    if constexpr (sizeof...(rest) > 0)
+        whole = object(rest...);
     whole[key] = value;
     return whole;
 }

@@ -11,43 +11,34 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-using Range = std::pair<double, double>;
-
-const QHash<QString, Range> &ranges()
+// What the catalogue's prose says of the numbers: a name, the least and the most.
+QHash<QString, std::pair<double, double>> rangesOf(const QString &tool)
 {
-    static const QHash<QString, Range> all {
-        { u"cpu"_s, { 1, hostProcessors() } },
-        { u"ramGB"_s, { 1, hostMemoryGB() } },
-        { u"diskGB"_s, { 8, 2048 } },
-        { u"newGB"_s, { 8, 2048 } },
-        { u"width"_s, { 320, 7680 } },
-        { u"height"_s, { 200, 4320 } },
-        { u"scale"_s, { 0.1, 1 } },
-        { u"imageScale"_s, { 0.1, 1 } },
-        { u"dy"_s, { -100, 100 } },
-        { u"delayMs"_s, { 0, 5000 } },
-        { u"maxChars"_s, { 1, 100000 } },
-        { u"captureDelayMs"_s, { 0, 10000 } },
-        { u"sinceSeconds"_s, { 1, 1e9 } },
-        { u"connectTimeoutSeconds"_s, { 1, 60 } },
-        { u"timeoutSeconds"_s, { 1, 290 } },
-        { u"commandTimeoutSeconds"_s, { 1, 280 } },
-    };
+    const QString prose = u"cpu 1 %1 ramGB 1 %2 diskGB 8 2048 newGB 8 2048 width 320 7680 "
+                          "height 200 4320 scale 0.1 1 imageScale 0.1 1 dy -100 100 delayMs 0 5000 "
+                          "captureDelayMs 0 10000 maxChars 1 100000 sinceSeconds 1 1e9 "
+                          "connectTimeoutSeconds 1 60 commandTimeoutSeconds 1 280 "
+                          "timeoutSeconds 1 %3"_s;
+    const int longest = tool == "job_wait"_L1 ? 1800 : 290;
+    const QStringList words
+            = prose.arg(hostProcessors()).arg(hostMemoryGB()).arg(longest).split(u' ');
+    QHash<QString, std::pair<double, double>> all;
+    for (qsizetype n = 0; n < words.size(); n += 3)
+        all[words[n]] = { words[n + 1].toDouble(), words[n + 2].toDouble() };
     return all;
 }
 
-const QHash<QString, QJsonObject> &schemas()
+QJsonValue schemaOf(const QString &tool)
 {
-    static const QHash<QString, QJsonObject> byTool = [] {
-        QHash<QString, QJsonObject> all;
-        QFile file(u":/demo/contract.json"_s);
-        file.open(QIODevice::ReadOnly);
-        const QJsonArray tools = QJsonDocument::fromJson(file.readAll())["tools"_L1].toArray();
-        for (const QJsonValue &tool : tools)
-            all[tool["name"_L1].toString()] = tool["inputSchema"_L1].toObject();
-        return all;
-    }();
-    return byTool;
+    QFile file(u":/demo/contract.json"_s);
+    file.open(QIODevice::ReadOnly);
+    static const QJsonDocument catalogue = QJsonDocument::fromJson(file.readAll());
+    const QJsonArray tools = catalogue["tools"_L1].toArray();
+    for (const QJsonValue &one : tools) {
+        if (one["name"_L1] == tool)
+            return one["inputSchema"_L1];
+    }
+    return QJsonValue::Undefined;
 }
 
 bool isOfType(const QJsonValue &value, const QString &type)
@@ -61,22 +52,21 @@ bool isOfType(const QJsonValue &value, const QString &type)
 }
 
 // What is wrong with a value, by its schema and its range; an empty text is nothing.
-QString complaintOf(const QString &name, const QJsonValue &value, const QJsonValue &schema,
-                    bool jobWait)
+QString complaintOf(const QString &tool, const QString &name, const QJsonValue &value,
+                    const QJsonValue &schema)
 {
     if (!isOfType(value, schema["type"_L1].toString()))
         return u"%1 must be of type %2"_s.arg(name, schema["type"_L1].toString());
     const QJsonArray accepted = schema["enum"_L1].toArray();
     if (!accepted.isEmpty() && !accepted.contains(value))
         return u"%1 has no value %2"_s.arg(name, value.toString());
-    const bool asJob = jobWait && name == "timeoutSeconds"_L1;
-    const auto [min, max] = asJob ? Range { 1, 1800 } : ranges().value(name, { -1e9, 1e9 });
+    const auto [min, max] = rangesOf(tool).value(name, { -1e9, 1e9 });
     if (value.isDouble() && (value.toDouble() < min || value.toDouble() > max))
         return u"%1 must be %2 to %3"_s.arg(name).arg(min).arg(max);
     QString complaint;
     const QJsonArray elements = value.toArray();
     for (auto it = elements.begin(); it != elements.end() && complaint.isEmpty(); ++it)
-        complaint = complaintOf("an element of "_L1 + name, *it, schema["items"_L1], jobWait);
+        complaint = complaintOf(tool, "an element of "_L1 + name, *it, schema["items"_L1]);
     const QJsonObject members = value.toObject();
     const QJsonArray required = schema["required"_L1].toArray();
     for (const QJsonValue &needed : required) {
@@ -86,7 +76,7 @@ QString complaintOf(const QString &name, const QJsonValue &value, const QJsonVal
     for (auto it = members.begin(); it != members.end() && complaint.isEmpty(); ++it) {
         const QJsonValue known = schema["properties"_L1][it.key()];
         complaint = known.isUndefined() ? "there is no argument "_L1 + it.key()
-                                        : complaintOf(it.key(), *it, known, jobWait);
+                                        : complaintOf(tool, it.key(), *it, known);
     }
     return complaint;
 }
@@ -95,10 +85,10 @@ QString complaintOf(const QString &name, const QJsonValue &value, const QJsonVal
 
 std::optional<Answer> refuseArguments(const QString &tool, const QJsonObject &arguments)
 {
-    const auto schema = schemas().find(tool);
-    if (schema == schemas().end())
+    const QJsonValue schema = schemaOf(tool);
+    if (schema.isUndefined())
         return fail(u"unknown_method"_s, "there is no method "_L1 + tool);
-    const QString complaint = complaintOf(u"params"_s, arguments, *schema, tool == "job_wait"_L1);
+    const QString complaint = complaintOf(tool, u"params"_s, arguments, schema);
     if (!complaint.isEmpty())
         return wrong(complaint);
     for (const auto &pattern : { "pattern"_L1, "grep"_L1 }) {

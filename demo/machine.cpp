@@ -10,6 +10,7 @@ namespace {
 
 constexpr size_t MaxLogLines = 2'000;
 constexpr int LaunchMs = 60'000;
+constexpr int QuitMs = 3'000;
 constexpr int PollMs = 20;
 
 // Whether KVM is worth a try: it may be there and still not work, which only a start tells.
@@ -22,12 +23,6 @@ QString hostName(const QString &machineName)
 }
 
 } // namespace
-
-Machine::Machine(const QString &place, const QJsonObject &initial)
-    : folder(place), settings(initial)
-{
-    note(u"created"_s);
-}
 
 Later<Outcome> Machine::diskTool(const QString &words) const
 {
@@ -97,16 +92,12 @@ QStringList Machine::arguments() const
 // One process, which may end before the machine is made; then it says why.
 Later<QString> Machine::launch(const QStringList &more)
 {
-    const MachinePtr self = shared_from_this();
-    const Flag launches(launching);
-    endExpected = false;
-    stateAfterEnd = "stopped"_L1;
     lastError.clear();
     qemu = std::make_unique<Qemu>(
             arguments() + more, folder.path(),
             Qemu::Listener { [this](const QString &line) { note(line); },
                              [this](const QString &event) { happened(event); },
-                             [this](const QString &words) { ended(words); } });
+                             [this](const QString &error) { ended(error); } });
     const Later<QJsonObject> up = qemu->up;
     QTimer::singleShot(LaunchMs, qemu.get(), [this, up] {
         if (!up.isSet())
@@ -118,15 +109,14 @@ Later<QString> Machine::launch(const QStringList &more)
 
 Later<QString> Machine::boot()
 {
-    const MachinePtr self = shared_from_this();
     const Flag works(busy);
     booted = false;
     accelerated = kvmWorks;
-    QString complaint = co_await launch({});
+    QString complaint = co_await launch();
     if (!complaint.isEmpty() && accelerated) {
         note("KVM does not work here: "_L1 + complaint);
         kvmWorks = accelerated = false;
-        complaint = co_await launch({});
+        complaint = co_await launch();
     }
     started.start();
     if (complaint.isEmpty())
@@ -136,43 +126,39 @@ Later<QString> Machine::boot()
 
 Later<QString> Machine::suspend()
 {
-    const MachinePtr self = shared_from_this();
     const Flag works(busy);
     qemu->command(u"stop"_s);
     const QJsonObject answer = co_await qemu->monitor(u"savevm suspended"_s);
     const QString complaint
             = answer["return"_L1].toString() + answer["error"_L1]["desc"_L1].toString();
-    if (qemu && complaint.isEmpty()) {
-        endExpected = true;
+    if (qemu && complaint.isEmpty())
         stateAfterEnd = "suspended"_L1;
-        qemu->command(u"quit"_s);
-        while (qemu)
-            co_await pause(PollMs);
-    } else if (qemu) {
-        qemu->command(u"cont"_s);
-    }
+    if (qemu)
+        qemu->command(complaint.isEmpty() ? u"quit"_s : u"cont"_s);
+    while (qemu && complaint.isEmpty())
+        co_await pause(PollMs);
     co_return complaint.trimmed();
 }
 
 Later<QString> Machine::resume()
 {
-    const MachinePtr self = shared_from_this();
     const Flag works(busy);
     const QString complaint = co_await launch(u"-loadvm suspended"_s.split(u' '));
     if (!complaint.isEmpty())
         co_return complaint;
-    co_await qemu->monitor(u"delvm suspended"_s);
-    if (qemu)
-        qemu->command(u"cont"_s);
-    setState(qemu ? "running"_L1 : "stopped"_L1);
+    stateAfterEnd = "stopped"_L1;
+    setState("running"_L1);
+    const Later<QJsonObject> dropped = qemu->monitor(u"delvm suspended"_s);
+    qemu->command(u"cont"_s);
+    co_await dropped;
     co_return lastError;
 }
 
 Later<QString> Machine::dropMemory()
 {
-    const MachinePtr self = shared_from_this();
     const Flag works(busy);
     const Outcome dropped = co_await diskTool(u"snapshot -q -d suspended disk.qcow2"_s);
+    stateAfterEnd = "stopped"_L1;
     if (dropped.succeeded())
         setState("stopped"_L1);
     co_return dropped.words();
@@ -180,26 +166,23 @@ Later<QString> Machine::dropMemory()
 
 void Machine::cutPower()
 {
-    endExpected = true;
-    if (qemu)
-        qemu->kill();
+    if (!qemu)
+        return;
+    qemu->command(u"quit"_s);
+    QTimer::singleShot(QuitMs, qemu.get(), [this] { qemu->kill(); });
 }
 
 void Machine::happened(const QString &event)
 {
-    if (event == "ready"_L1 || event == "RESET"_L1) {
-        booted = event == "ready"_L1;
-        note(booted ? u"the guest has booted"_s : u"the guest reboots"_s);
-    } else if (event == "SHUTDOWN"_L1) {
-        endExpected = true;
-    }
+    if (event != "ready"_L1 && event != "RESET"_L1)
+        return;
+    booted = event == "ready"_L1;
+    note(booted ? u"the guest has booted"_s : u"the guest reboots"_s);
 }
 
-void Machine::ended(const QString &lastWords)
+void Machine::ended(const QString &error)
 {
     qemu.release()->deleteLater();
-    if (!endExpected)
-        lastError = lastWords.isEmpty() ? u"QEMU was killed"_s : lastWords;
-    if (!launching)
-        setState(stateAfterEnd);
+    lastError = error;
+    setState(stateAfterEnd);
 }

@@ -10,12 +10,12 @@
 
 #include <list>
 
-class Machine : public std::enable_shared_from_this<Machine>
+class Machine
 {
 public:
     // A stopped machine with a folder of its own, where disk.qcow2 is, and of the settings that
     // get_vm returns.
-    Machine(const QString &place, const QJsonObject &initial);
+    Machine(const QString &place, const QJsonObject &initial) : folder(place), settings(initial) { }
 
     QString text(QLatin1StringView key) const { return settings[key].toString(); }
     bool is(QLatin1StringView state) const { return text(QLatin1StringView("state")) == state; }
@@ -23,7 +23,7 @@ public:
     // What a tool gives of the machine: the settings of these names.
     QJsonObject pick(std::initializer_list<QLatin1StringView> keys) const;
 
-    // They say what went wrong, or nothing. While they work the machine is busy.
+    // They say what went wrong, or nothing. While they work the machine is busy, and has to stay.
     Later<QString> boot(); // from stopped
     Later<QString> suspend(); // running: its memory goes into the disk's file
     Later<QString> resume(); // suspended
@@ -46,28 +46,23 @@ public:
     bool textIsRead = false; // off its screen, which takes several commands
 
 private:
-    Later<QString> launch(const QStringList &more);
+    Later<QString> launch(const QStringList &more = {});
     QStringList arguments() const;
     void happened(const QString &event);
-    void ended(const QString &lastWords);
+    void ended(const QString &error);
     void setState(QLatin1StringView state);
     void note(const QString &line);
 
     QLatin1StringView stateAfterEnd { "stopped" };
-    bool launching = false;
-    bool endExpected = false;
 };
 
 using MachinePtr = std::shared_ptr<Machine>;
 
 // Sets a flag of a machine for as long as it lives.
-class Flag
+struct Flag
 {
-public:
     explicit Flag(bool &flag) : set(flag) { set = true; }
     ~Flag() { set = false; }
     Q_DISABLE_COPY_MOVE(Flag)
-
-private:
     bool &set;
 };

@@ -7,7 +7,6 @@
 
 using namespace Qt::StringLiterals;
 
-const QString program = u"qemu-system-x86_64"_s; // it begins its messages so
 constexpr qsizetype MaxLine = 1'000; // of what the guest says
 constexpr qint64 MaxAgentBytes = 1 << 20;
 
@@ -40,8 +39,8 @@ Qemu::Qemu(const QStringList &arguments, const QString &folder, Listener callbac
                           "-device virtserialport,chardev=agent,name=agent "
                           "-chardev stdio,id=serial,signal=off -serial chardev:serial"_s;
     process.setWorkingDirectory(folder);
-    startBound(process, program, arguments + lines.arg(qmpEnd).arg(agentEnd).split(u' '),
-               { qmpEnd, agentEnd });
+    startBound(process, u"qemu-system-x86_64"_s,
+               arguments + lines.arg(qmpEnd).arg(agentEnd).split(u' '), { qmpEnd, agentEnd });
     close(qmpEnd);
     close(agentEnd);
     up = command(u"qmp_capabilities"_s);
@@ -106,19 +105,25 @@ void Qemu::readLines(const QByteArray &more)
     const QList<QByteArray> lines = (unfinished + more).split('\n');
     unfinished = lines.last().right(MaxLine);
     for (qsizetype i = 0; i + 1 < lines.size(); ++i) {
-        const QString line = QString::fromUtf8(lines[i].left(MaxLine)).trimmed();
-        if (line.startsWith(program))
-            lastWords = line;
-        listener.said(line);
+        listener.said(QString::fromUtf8(lines[i].left(MaxLine)).trimmed());
+        if (lines[i].startsWith("qemu-system"))
+            lastWords = QString::fromUtf8(lines[i].left(MaxLine)).trimmed();
     }
 }
 
 void Qemu::end()
 {
+    while (qmp.waitForReadyRead(0)) { } // what it said last
     readLines(process.readAll() + '\n');
+    qmp.disconnect(this);
+    agent.disconnect(this);
     for (const auto &waiting : std::as_const(commands))
         waiting.set(object("error"_L1, object("desc"_L1, u"the machine has ended"_s)));
     for (const auto &waiting : std::as_const(guestCommands))
         waiting.set({});
-    listener.ended(process.error() == QProcess::FailedToStart ? process.errorString() : lastWords);
+    const bool normal = process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
+    listener.ended(process.error() == QProcess::FailedToStart ? process.errorString()
+                   : normal                                   ? QString()
+                   : lastWords.isEmpty()                      ? u"QEMU was killed"_s
+                                                              : lastWords);
 }

@@ -21,7 +21,7 @@ public:
     {
         std::function<void(const QString &line)> said; // on the serial line, or by QEMU itself
         std::function<void(const QString &event)> happened; // an event of QMP, or "ready"
-        std::function<void(const QString &lastWords)> ended; // may delete this object later
+        std::function<void(const QString &error)> ended; // its last words, or nothing
     };
 
     // Starts it in a folder; what its lines need is added to the arguments.
