@@ -54,7 +54,7 @@ QStringList Machine::arguments() const
 {
     QString media = text("installerMedia"_L1);
     const bool disc = media.endsWith(".iso"_L1);
-    const bool small = settings["smallLinux"_L1].toBool() && !disc;
+    const bool small = flag("smallLinux"_L1) && !disc;
     const bool windows = text("os"_L1) == "windows"_L1; // has no drivers for virtio
     // What is kept lasts no longer than the application, so no write need reach the disk.
     const QString words

@@ -18,6 +18,7 @@ public:
     Machine(const QString &place, const QJsonObject &initial) : folder(place), settings(initial) { }
 
     QString text(QLatin1StringView key) const { return settings[key].toString(); }
+    bool flag(QLatin1StringView key) const { return settings[key].toBool(); }
     bool is(QLatin1StringView state) const { return text(QLatin1StringView("state")) == state; }
 
     // What a tool gives of the machine: the settings of these names.

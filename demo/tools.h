@@ -9,12 +9,9 @@
 // One call of a tool. It stays until the answer is there, so a tool may keep the reference.
 struct Call
 {
-    QString text(QLatin1StringView argument) const { return arguments[argument].toString(); }
-    bool flag(QLatin1StringView argument) const { return arguments[argument].toBool(); }
-    int number(QLatin1StringView argument, int otherwise) const
-    {
-        return arguments[argument].toInt(otherwise);
-    }
+    QString text(QLatin1StringView name) const { return arguments[name].toString(); }
+    bool flag(QLatin1StringView name) const { return arguments[name].toBool(); }
+    int number(QLatin1StringView name, int other) const { return arguments[name].toInt(other); }
 
     World &world;
     QJsonObject arguments; // checked
@@ -25,8 +22,8 @@ struct Call
 
 struct Tool
 {
-    QString name;
-    QString needs; // what must hold of machine and arguments: words, in the order of their check
+    QString names; // one or more
+    QString needs; // words for what must hold of machine and arguments
     Later<Answer> (*run)(const Call &call) = nullptr;
     QString whyNot; // the tool's answer where nothing runs
 };

@@ -22,7 +22,7 @@ Answer silentGuest() { return fail(u"not_ready"_s, u"the guest does not answer"_
 
 Later<Answer> applyGuestTools(const Call &call)
 {
-    if (!call.machine->settings["smallLinux"_L1].toBool())
+    if (!call.machine->flag("smallLinux"_L1))
         co_return unavailable(u"there are guest tools only for Small Linux"_s);
     const GuestAnswer answer = co_await call.machine->qemu->inGuest(u"true"_s);
     if (answer.exitCode != 0)
@@ -33,7 +33,7 @@ Later<Answer> applyGuestTools(const Call &call)
 
 QJsonObject sshSettings(const Machine &machine)
 {
-    if (!machine.settings["sshProvisioned"_L1].toBool())
+    if (!machine.flag("sshProvisioned"_L1))
         return { { u"provisioned"_s, false }, { u"user"_s, {} }, { u"host"_s, {} } };
     const QString user = machine.text("sshUser"_L1);
     return object("provisioned"_L1, true, "user"_L1, user, "host"_L1, guestAddress);
@@ -88,7 +88,7 @@ Later<Answer> sshStatus(const Call &call)
 
 Later<Answer> revokeSsh(const Call &call)
 {
-    if (call.machine->settings["sshProvisioned"_L1].toBool()) {
+    if (call.machine->flag("sshProvisioned"_L1)) {
         const GuestAnswer answer = co_await call.machine->qemu->inGuest(u"ssh-key remove"_s);
         if (answer.exitCode != 0)
             co_return silentGuest();

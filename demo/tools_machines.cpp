@@ -20,7 +20,7 @@ Later<Answer> listVms(const Call &call)
 {
     QJsonArray vms;
     for (const MachinePtr &machine : call.world.machines)
-        vms.append(machine->pick({ "id"_L1, "name"_L1, "os"_L1, "state"_L1 }));
+        vms << machine->pick({ "id"_L1, "name"_L1, "os"_L1, "state"_L1 });
     return ok("vms"_L1, vms);
 }
 
@@ -110,15 +110,15 @@ Later<Answer> getDiagnostics(const Call &call)
     const Machine &machine = *call.machine;
     const bool runs = machine.qemu != nullptr;
     QJsonArray checks;
-    const auto check = [&checks](const QString &name, bool holds, const QString &advice) {
-        checks.append(
-                object("name"_L1, name, "ok"_L1, holds, "advice"_L1, holds ? QString() : advice));
+    const auto check = [&checks](const QString &name, bool holds, const QString &remedy) {
+        const QString advice = holds ? QString() : remedy;
+        checks << object("name"_L1, name, "ok"_L1, holds, "advice"_L1, advice);
     };
     check(u"host"_s, missingOnHost().isEmpty(), missingOnHost());
     check(u"memory"_s, runs || !call.world.refuseStart(machine), u"Stop another VM."_s);
     check(u"disk"_s, freeDiskGB(call.world.place) > 0, "Free space in "_L1 + call.world.place);
     check(u"acceleration"_s, !runs || machine.accelerated, u"This host has no KVM: it is slow."_s);
-    check(u"system"_s, machine.settings["installed"_L1].toBool(), u"Use finish_install."_s);
+    check(u"system"_s, machine.flag("installed"_L1), u"Use finish_install."_s);
     check(u"guest tools"_s, !runs || machine.booted, u"Wait for the guest's login."_s);
     return ok("state"_L1, machine.settings["state"_L1], "uptimeSeconds"_L1,
               runs ? machine.started.elapsed() / 1'000 : 0, "checks"_L1, checks, "lastError"_L1,
@@ -214,9 +214,6 @@ Later<Answer> networkingStatus(const Call &)
 std::vector<Tool> machineTools()
 {
     const QString noService = u"the demonstration has no networking service"_s;
-    const QString noDisc = u"there is no disc of guest tools: Small Linux has them built in"_s;
-    const QString noSharing = u"the kernel of Small Linux cannot share folders"_s;
-    const QString noWindow = u"the demonstration shows no windows"_s;
     return {
         { u"list_vms"_s, {}, listVms, {} },
         { u"get_vm"_s, {}, getVm, {} },
@@ -227,20 +224,20 @@ std::vector<Tool> machineTools()
         { u"wait_for_state"_s, {}, waitForState, {} },
         { u"get_diagnostics"_s, {}, getDiagnostics, {} },
         { u"tail_log"_s, {}, tailLog, {} },
-        { u"reveal_vm"_s, {}, nullptr, noWindow },
         { u"set_hardware"_s, u"stopped"_s, setHardware, {} },
         { u"resize_disk"_s, u"stopped confirm"_s, resizeDisk, {} },
         { u"set_installer_media"_s, u"stopped"_s, setInstallerMedia, {} },
         { u"finish_install"_s, u"stopped"_s, finishInstall, {} },
-        { u"set_attach_linux_guest_tools"_s, u"linux stopped"_s, nullptr, noDisc },
-        { u"set_linux_network_path"_s, u"linux"_s, nullptr, noService },
-        { u"add_shared_folder"_s, {}, nullptr, noSharing },
-        { u"remove_shared_folder"_s, {}, nullptr, noSharing },
-        { u"set_shared_folder_readonly"_s, {}, nullptr, noSharing },
         { u"host_capabilities"_s, {}, hostCapabilities, {} },
         { u"networking_status"_s, {}, networkingStatus, {} },
-        { u"networking_install"_s, {}, nullptr, noService },
-        { u"networking_repair"_s, {}, nullptr, noService },
-        { u"networking_uninstall"_s, {}, nullptr, noService },
+        { u"networking_install networking_repair networking_uninstall"_s, {}, nullptr, noService },
+        { u"set_linux_network_path"_s, u"linux"_s, nullptr, noService },
+        { u"add_shared_folder remove_shared_folder set_shared_folder_readonly"_s,
+          {},
+          nullptr,
+          u"the kernel of Small Linux cannot share folders"_s },
+        { u"set_attach_linux_guest_tools"_s, u"linux stopped"_s, nullptr,
+          u"there is no disc of guest tools: Small Linux has them built in"_s },
+        { u"reveal_vm"_s, {}, nullptr, u"the demonstration shows no windows"_s },
     };
 }

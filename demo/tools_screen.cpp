@@ -188,13 +188,13 @@ Answer captured(const QImage &screen, const QJsonObject &arguments)
 
 std::vector<Tool> screenTools()
 {
-    const QString noWindow = u"the demonstration shows no windows"_s;
-    const QString noResolution = u"the guest's text screen has a fixed size of 720 x 400 pixels"_s;
     return {
-        { u"set_console_window_size"_s, u"running"_s, nullptr, noWindow },
-        { u"set_display_resolution"_s, u"running tools"_s, nullptr, noResolution },
         { u"capture_screen"_s, u"running"_s, captureScreen, {} },
         { u"read_console_text"_s, u"running"_s, readConsoleText, {} },
         { u"wait_for_text"_s, u"running"_s, waitForText, {} },
+        { u"set_console_window_size"_s, u"running"_s, nullptr,
+          u"the demonstration shows no windows"_s },
+        { u"set_display_resolution"_s, u"running tools"_s, nullptr,
+          u"the guest's text screen has a fixed size of 720 x 400 pixels"_s },
     };
 }
