@@ -1,6 +1,7 @@
-#include "arguments.h"
+// The arguments of a call, checked against the catalogue.
 
 #include "host.h"
+#include "tools.h"
 
 #include <QFile>
 #include <QJsonArray>

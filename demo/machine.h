@@ -44,7 +44,7 @@ public:
     bool booted = false; // the guest's tools have spoken since then
     bool accelerated = false; // by the host's processor, not emulated
     bool busy = false;
-    bool textIsRead = false; // off its screen, which takes several commands
+    bool screenIsRead = false; // which takes several commands
 
 private:
     Later<QString> launch(const QStringList &more = {});

@@ -86,7 +86,7 @@ private:
         waiting << client;
         const auto wanted = [client] { return !client.isNull(); };
         Call call { world, request["params"_L1].toObject(), wanted, {}, {} };
-        Answer body = co_await carryOut(request["method"_L1].toString(), call);
+        Answer body = co_await Tool::carryOut(request["method"_L1].toString(), call);
         waiting.removeOne(client);
         body["id"_L1] = request["id"_L1];
         send(client, body);

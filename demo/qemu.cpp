@@ -8,6 +8,7 @@
 using namespace Qt::StringLiterals;
 
 constexpr qsizetype MaxLine = 1'000; // of what the guest says
+constexpr int GuestMs = 25'000;
 constexpr qint64 MaxAgentBytes = 1 << 20;
 
 // Gives one end to a socket, and returns the other; -1 when there are no descriptors left.
@@ -55,12 +56,10 @@ Qemu::~Qemu()
 
 Later<QJsonObject> Qemu::command(const QString &name, const QJsonObject &arguments)
 {
-    Later<QJsonObject> answer;
-    commands.insert(++lastId, answer);
     const QJsonObject request
-            = object("execute"_L1, name, "arguments"_L1, arguments, "id"_L1, lastId);
+            = object("execute"_L1, name, "arguments"_L1, arguments, "id"_L1, ++lastId);
     qmp.write(QJsonDocument(request).toJson(QJsonDocument::Compact) + '\n');
-    return answer;
+    return waiting[lastId];
 }
 
 Later<QJsonObject> Qemu::monitor(const QString &line)
@@ -68,23 +67,20 @@ Later<QJsonObject> Qemu::monitor(const QString &line)
     return command(u"human-monitor-command"_s, object("command-line"_L1, line));
 }
 
-Later<GuestAnswer> Qemu::inGuest(const QString &shellCommand)
+Later<QJsonObject> Qemu::inGuest(const QString &shellCommand)
 {
-    Later<GuestAnswer> answer;
-    guestCommands.insert(++lastId, answer);
-    agent.write(QByteArray::number(lastId) + ' ' + shellCommand.toUtf8().toBase64() + '\n');
-    QTimer::singleShot(25'000, this, [this, id = lastId] { guestCommands.take(id).set({}); });
-    return answer;
+    agent.write(QByteArray::number(++lastId) + ' ' + shellCommand.toUtf8().toBase64() + '\n');
+    QTimer::singleShot(GuestMs, this, [this, id = lastId] { waiting.take(id).set({}); });
+    return waiting[lastId];
 }
 
 void Qemu::readMonitor()
 {
     while (qmp.canReadLine()) {
         const QJsonObject message = QJsonDocument::fromJson(qmp.readLine()).object();
+        waiting.take(message["id"_L1].toInteger()).set(message);
         if (message.contains("event"_L1))
             listener.happened(message["event"_L1].toString());
-        else if (message.contains("id"_L1))
-            commands.take(message["id"_L1].toInteger()).set(message);
     }
 }
 
@@ -92,11 +88,11 @@ void Qemu::readAgent()
 {
     while (agent.canReadLine()) {
         const QList<QByteArray> words = agent.readLine().trimmed().split(' ');
+        const QString output = QString::fromUtf8(QByteArray::fromBase64(words.last().mid(1)));
+        waiting.take(words[0].toLongLong())
+                .set(object("exit"_L1, words.value(1).toInt(), "output"_L1, output));
         if (words[0] == "ready")
             listener.happened(u"ready"_s);
-        else if (words.size() == 3)
-            guestCommands.take(words[0].toLongLong())
-                    .set({ words[1].toInt(), QByteArray::fromBase64(words[2].mid(1)) });
     }
 }
 
@@ -117,13 +113,11 @@ void Qemu::end()
     readLines(process.readAll() + '\n');
     qmp.disconnect(this);
     agent.disconnect(this);
-    for (const auto &waiting : std::as_const(commands))
-        waiting.set(object("error"_L1, object("desc"_L1, u"the machine has ended"_s)));
-    for (const auto &waiting : std::as_const(guestCommands))
-        waiting.set({});
+    for (const auto &later : std::as_const(waiting))
+        later.set(object("error"_L1, object("desc"_L1, u"the machine has ended"_s)));
     const bool normal = process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-    listener.ended(process.error() == QProcess::FailedToStart ? process.errorString()
-                   : normal                                   ? QString()
-                   : lastWords.isEmpty()                      ? u"QEMU was killed"_s
-                                                              : lastWords);
+    if (lastWords.isEmpty())
+        lastWords = process.error() == QProcess::FailedToStart ? process.errorString()
+                                                               : u"QEMU was killed"_s;
+    listener.ended(normal ? QString() : lastWords);
 }

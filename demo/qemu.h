@@ -8,12 +8,6 @@
 #include <QHash>
 #include <QLocalSocket>
 
-struct GuestAnswer
-{
-    int exitCode = -1; // -1: the guest did not answer in time
-    QByteArray output; // what the command said on both streams
-};
-
 class Qemu : public QObject
 {
 public:
@@ -34,8 +28,9 @@ public:
     // A command of the human monitor; gives what that says.
     Later<QJsonObject> monitor(const QString &line);
 
-    // Runs a shell command as root through the guest's tools; gives up after 25 s.
-    Later<GuestAnswer> inGuest(const QString &shellCommand);
+    // Runs a shell command as root through the guest's tools; gives "exit" and, of both streams,
+    // "output", or nothing when 25 s have passed.
+    Later<QJsonObject> inGuest(const QString &shellCommand);
 
     void kill() { process.kill(); }
 
@@ -51,8 +46,7 @@ private:
     QProcess process;
     QLocalSocket qmp, agent;
     Listener listener;
-    QHash<qint64, Later<QJsonObject>> commands;
-    QHash<qint64, Later<GuestAnswer>> guestCommands;
+    QHash<qint64, Later<QJsonObject>> waiting; // for an answer on either line
     qint64 lastId = 0;
     QByteArray unfinished; // line
     QString lastWords;

@@ -1,25 +1,24 @@
 #include "tools.h"
 
-#include "arguments.h"
-
 using namespace Qt::StringLiterals;
 
 namespace {
 
-QHash<QString, Tool> collect()
-{
-    QHash<QString, Tool> byName;
-    for (const auto &subject :
-         { machineTools(), jobTools(), screenTools(), inputTools(), guestTools() }) {
-        for (const Tool &tool : subject) {
-            for (const auto &name : tool.names.split(u' '))
-                byName.insert(name, tool);
-        }
-    }
-    return byName;
-}
+// What the demonstration does without, and why.
+const std::pair<QString, QString> refusedTools[] {
+    { u"networking_install networking_repair networking_uninstall set_linux_network_path"_s,
+      u"the demonstration has no networking service"_s },
+    { u"add_shared_folder remove_shared_folder set_shared_folder_readonly"_s,
+      u"the kernel of Small Linux cannot share folders"_s },
+    { u"set_attach_linux_guest_tools"_s, u"there is no such disc: Small Linux has its tools"_s },
+    { u"reveal_vm set_console_window_size"_s, u"the demonstration shows no windows"_s },
+    { u"set_display_resolution"_s, u"the text screen has a fixed size of 720 x 400 pixels"_s },
+    { u"read_guest_clipboard"_s, u"the guest has no desktop, so no clipboard"_s },
+    { u"list_restore_images"_s, u"this host cannot run macOS"_s },
+    { u"app_status launch_app quit_app"_s, u"the server itself answers this"_s },
+};
 
-std::optional<Answer> refuse(const Tool &tool, const Call &call)
+std::optional<Answer> refuse(const QString &needs, const Call &call)
 {
     if (call.arguments.contains("jobId"_L1) && !call.job)
         return fail(u"not_found"_s, u"there is no job of this id (list_jobs)"_s);
@@ -43,11 +42,10 @@ std::optional<Answer> refuse(const Tool &tool, const Call &call)
           notReady(u"it needs apply_guest_tools"_s) },
         { u"booted"_s, vm.booted, notReady(u"the guest has not booted yet (wait_for_text)"_s) },
         { u"ssh"_s, vm.flag("sshProvisioned"_L1), notReady(u"it needs provision_ssh"_s) },
-        { u"linux"_s, vm.text("os"_L1) == "linux"_L1, wrong(u"it is only for Linux VMs"_s) },
         { u"confirm"_s, call.flag("confirm"_L1), wrong(u"confirm must be true"_s) },
     };
     for (const auto &[word, holds, refusal] : rules) {
-        if (!holds && tool.needs.split(u' ').contains(word))
+        if (!holds && needs.split(u' ').contains(word))
             return refusal;
     }
     return {};
@@ -63,14 +61,16 @@ QJsonObject told(const Machine &machine)
     return settings;
 }
 
-Later<Answer> carryOut(QString tool, Call &call)
+QHash<QString, std::pair<QString, Tool::Run>> &Tool::all()
 {
-    static const QHash<QString, Tool> tools = collect();
-    if (const auto refusal = refuseArguments(tool, call.arguments))
+    static QHash<QString, std::pair<QString, Run>> tools;
+    return tools;
+}
+
+Later<Answer> Tool::carryOut(QString name, Call &call)
+{
+    if (const auto refusal = refuseArguments(name, call.arguments))
         co_return *refusal;
-    const auto found = tools.find(tool);
-    if (found == tools.end()) // of the application's process, which the server manages
-        co_return unavailable(u"the application does not have this tool"_s);
     for (const JobPtr &job : std::as_const(call.world.jobs)) {
         if ((*job)["jobId"_L1] == call.text("jobId"_L1))
             call.job = job;
@@ -79,9 +79,12 @@ Later<Answer> carryOut(QString tool, Call &call)
     while (call.machine && call.machine->busy)
         co_await pause(LookMs);
     call.machine = call.world.machines.value(call.text("id"_L1)); // it may be gone meanwhile
-    if (const auto refusal = refuse(*found, call))
+    const auto [needs, run] = all().value(name);
+    if (const auto refusal = refuse(needs, call))
         co_return *refusal;
-    if (!found->run)
-        co_return unavailable(found->whyNot);
-    co_return co_await found->run(call);
+    for (const auto &[names, why] : refusedTools) {
+        if (names.split(u' ').contains(name))
+            co_return unavailable(why);
+    }
+    co_return co_await run(call);
 }

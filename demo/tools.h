@@ -1,10 +1,12 @@
-// The tools of the catalogue: a table for each subject, and the call of one.
+// The tools of the catalogue, and the call of one.
 
 #pragma once
 
 #include "world.h"
 
-#include <vector>
+#include <QImage>
+
+using Reply = Later<Answer>;
 
 // One call of a tool. It stays until the answer is there, so a tool may keep the reference.
 struct Call
@@ -20,25 +22,38 @@ struct Call
     JobPtr job; // of tools for jobs: what "jobId" names
 };
 
-struct Tool
+// A tool of the catalogue, which makes itself known as it is made.
+class Tool
 {
-    QString names; // one or more
-    QString needs; // words for what must hold of machine and arguments
-    Later<Answer> (*run)(const Call &call) = nullptr;
-    QString whyNot; // the tool's answer where nothing runs
+public:
+    using Run = Reply (*)(const Call &call);
+
+    // Its name, and words for what must hold of machine and arguments.
+    Tool(const char *name, const char *needs, Run run)
+    {
+        all()[QString::fromLatin1(name)] = { QString::fromLatin1(needs), run };
+    }
+
+    // Carries out one; its arguments and what it needs are checked here.
+    static Later<Answer> carryOut(QString name, Call &call);
+
+private:
+    static QHash<QString, std::pair<QString, Run>> &all();
 };
 
 // How often, in milliseconds, a tool looks whether what it waits for has come.
 constexpr int LookMs = 50;
 
-std::vector<Tool> machineTools(); // and the host's
-std::vector<Tool> jobTools();
-std::vector<Tool> screenTools();
-std::vector<Tool> inputTools();
-std::vector<Tool> guestTools();
+// The answer to a call of no tool of the catalogue, or with arguments that its schemas and the
+// ranges in its prose rule out. What one argument asks of another is checked by the tool.
+std::optional<Answer> refuseArguments(const QString &tool, const QJsonObject &arguments);
 
 // The settings of a machine that tools tell.
 QJsonObject told(const Machine &machine);
 
-// Carries out one tool; its arguments and what it needs are checked here.
-Later<Answer> carryOut(QString tool, Call &call);
+// The screen as it is now, null where the machine has ended; keeps the size in its settings.
+Later<QImage> takePicture(MachinePtr machine);
+
+// The answer of capture_screen for its arguments region, scale, format and output: a PNG or JPEG as
+// "imageBase64", or the path of a file with it.
+Answer captured(const QImage &screen, const QJsonObject &arguments);

@@ -20,16 +20,16 @@ QString quoted(QString text) { return u'\'' + text.replace(u"'"_s, u"'\\''"_s) +
 
 Answer silentGuest() { return fail(u"not_ready"_s, u"the guest does not answer"_s); }
 
-Later<Answer> applyGuestTools(const Call &call)
-{
-    if (!call.machine->flag("smallLinux"_L1))
-        co_return unavailable(u"there are guest tools only for Small Linux"_s);
-    const GuestAnswer answer = co_await call.machine->qemu->inGuest(u"true"_s);
-    if (answer.exitCode != 0)
-        co_return silentGuest();
-    call.machine->settings["guestTools"_L1] = guestToolsVersion;
-    co_return ok(call.machine->pick({ "id"_L1, "guestTools"_L1 }));
-}
+const Tool applyGuestTools(
+        "apply_guest_tools", "running installed booted", [](const Call &call) -> Reply {
+            if (!call.machine->flag("smallLinux"_L1))
+                co_return unavailable(u"there are guest tools only for Small Linux"_s);
+            const QJsonObject answer = co_await call.machine->qemu->inGuest(u"true"_s);
+            if (answer["exit"_L1] != 0)
+                co_return silentGuest();
+            call.machine->settings["guestTools"_L1] = guestToolsVersion;
+            co_return ok(call.machine->pick({ "id"_L1, "guestTools"_L1 }));
+        });
 
 QJsonObject sshSettings(const Machine &machine)
 {
@@ -56,8 +56,7 @@ Later<Outcome> ssh(MachinePtr machine, QString user, QString options, QString co
     co_return co_await run(u"ssh"_s, arguments, machine->folder.path(), limitMs);
 }
 
-Later<Answer> provisionSsh(const Call &call)
-{
+const Tool provisionSsh("provision_ssh", "running tools booted", [](const Call &call) -> Reply {
     QFile file(call.machine->folder.filePath(u"key.pub"_s));
     if (!file.exists()) {
         const QStringList words = u"-q -t ed25519 -C orrery -f key -N"_s.split(u' ') << QString();
@@ -68,47 +67,44 @@ Later<Answer> provisionSsh(const Call &call)
     if (!file.open(QIODevice::ReadOnly) || !call.machine->qemu)
         co_return silentGuest();
     const QString command = "ssh-key add "_L1 + quoted(QString::fromUtf8(file.readAll()).trimmed());
-    const GuestAnswer answer = co_await call.machine->qemu->inGuest(command);
-    if (answer.exitCode != 0)
+    const QJsonObject answer = co_await call.machine->qemu->inGuest(command);
+    if (answer["exit"_L1] != 0)
         co_return silentGuest();
-    call.machine->settings["sshUser"_L1] = QString::fromUtf8(answer.output).trimmed();
+    call.machine->settings["sshUser"_L1] = answer["output"_L1].toString().trimmed();
     call.machine->settings["sshProvisioned"_L1] = true;
     co_return ok(sshSettings(*call.machine));
-}
+});
 
-Later<Answer> sshStatus(const Call &call)
-{
+const Tool sshStatus("ssh_status", "", [](const Call &call) -> Reply {
     QJsonObject status = sshSettings(*call.machine);
     Outcome tried;
     if (status["provisioned"_L1].toBool())
         tried = co_await ssh(call.machine, status["user"_L1].toString(), {}, u"true"_s, StatusMs);
     status["reachable"_L1] = tried.succeeded();
     co_return ok(status);
-}
+});
 
-Later<Answer> revokeSsh(const Call &call)
-{
+const Tool revokeSsh("revoke_ssh", "running", [](const Call &call) -> Reply {
     if (call.machine->flag("sshProvisioned"_L1)) {
-        const GuestAnswer answer = co_await call.machine->qemu->inGuest(u"ssh-key remove"_s);
-        if (answer.exitCode != 0)
+        const QJsonObject answer = co_await call.machine->qemu->inGuest(u"ssh-key remove"_s);
+        if (answer["exit"_L1] != 0)
             co_return silentGuest();
         for (const auto &name : { u"key"_s, u"key.pub"_s })
             call.machine->folder.remove(name);
         call.machine->settings["sshProvisioned"_L1] = false;
     }
     co_return ok("provisioned"_L1, false);
-}
+});
 
-Later<Answer> guestNetwork(const Call &call)
-{
-    const GuestAnswer answer = co_await call.machine->qemu->inGuest(
+const Tool guestNetwork("guest_network", "running tools booted", [](const Call &call) -> Reply {
+    const QJsonObject answer = co_await call.machine->qemu->inGuest(
             u"ip -o link; ip -o addr; ip route; cat /etc/resolv.conf"_s);
-    if (answer.exitCode < 0)
+    if (!answer.contains("exit"_L1))
         co_return silentGuest();
     const auto all = [&answer](const QString &pattern) {
         QJsonArray found;
         const QRegularExpression lines(pattern, QRegularExpression::MultilineOption);
-        for (auto it = lines.globalMatch(QString::fromUtf8(answer.output)); it.hasNext();)
+        for (auto it = lines.globalMatch(answer["output"_L1].toString()); it.hasNext();)
             found.append(it.next().captured(1));
         return found;
     };
@@ -119,10 +115,9 @@ Later<Answer> guestNetwork(const Call &call)
     co_return ok("address"_L1, first(u"eth0 +inet ([^ /]+)"_s), "interfaces"_L1,
                  QJsonArray { interface }, "gateway"_L1, first(u"^default via (\\S+)"_s), "dns"_L1,
                  all(u"^nameserver (\\S+)"_s));
-}
+});
 
-Later<Answer> runInGuest(const Call &call)
-{
+const Tool runInGuest("run_in_guest", "running ssh", [](const Call &call) -> Reply {
     static int lastNumber = 0;
     const MachinePtr machine = call.machine;
     const QJsonObject &arguments = call.arguments;
@@ -162,26 +157,6 @@ Later<Answer> runInGuest(const Call &call)
     co_return ok("exitCode"_L1, timedOut ? QJsonValue() : outcome.exitCode, "timedOut"_L1, timedOut,
                  "stdout"_L1, QString::fromUtf8(outcome.output), "stderr"_L1,
                  QString::fromUtf8(outcome.errors));
-}
-
-Later<Answer> readGuestClipboard(const Call &call)
-{
-    if (call.arguments["selectAll"_L1].toBool() && !call.arguments["copy"_L1].toBool())
-        return wrong(u"selectAll is only for copy:true"_s);
-    return unavailable(u"the guest has no desktop, so no clipboard"_s);
-}
+});
 
 } // namespace
-
-std::vector<Tool> guestTools()
-{
-    return {
-        { u"apply_guest_tools"_s, u"running installed booted"_s, applyGuestTools, {} },
-        { u"provision_ssh"_s, u"running tools booted"_s, provisionSsh, {} },
-        { u"ssh_status"_s, {}, sshStatus, {} },
-        { u"revoke_ssh"_s, u"running"_s, revokeSsh, {} },
-        { u"guest_network"_s, u"running tools booted"_s, guestNetwork, {} },
-        { u"run_in_guest"_s, u"running ssh"_s, runInGuest, {} },
-        { u"read_guest_clipboard"_s, u"running ssh"_s, readGuestClipboard, {} },
-    };
-}

@@ -1,6 +1,5 @@
 // Input to a machine: what each action does to its US keyboard, its tablet and its buttons.
 
-#include "screen.h"
 #include "tools.h"
 
 #include <QRegularExpression>
@@ -10,8 +9,8 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int MaxActions = 100;
-constexpr int KeyMs = 25; // between keys: a guest takes in no more than it has read of the last
-constexpr int ButtonMs = 40;
+constexpr int MaxDelayMs = 45'000; // in sum
+constexpr int EventMs = 30; // between events: a guest takes in no more than it has read of the last
 constexpr int DragSteps = 10;
 constexpr int TabletRange = 0x8000;
 
@@ -38,41 +37,33 @@ QJsonObject keyEvent(const QString &code, bool down)
     return object("type"_L1, u"key"_s, "data"_L1, object("down"_L1, down, "key"_L1, key));
 }
 
-// What one action makes of QEMU's events, and what is wrong with it.
-class Action
+// What one action makes of QEMU's events, those together that make a step; and what is wrong with
+// it.
+struct Action
 {
-public:
-    struct Step
-    {
-        QJsonArray events; // that go together
-        int pauseMs; // after them
-    };
-
     Action(const QJsonObject &wanted, QSize size, double imageScale)
         : action(wanted), screen(size), scale(imageScale)
     {
-        static const QHash<QString, void (Action::*)()> byType {
-            { u"text"_s, &Action::text },     { u"key"_s, &Action::key },
-            { u"scroll"_s, &Action::scroll }, { u"drag"_s, &Action::drag },
-            { u"click"_s, &Action::click },   { u"double"_s, &Action::doubleClick },
-            { u"move"_s, &Action::move },
-        };
         const QString type = action["type"_L1].toString();
         const bool pointless = type == "text"_L1 || type == "key"_L1 || type == "scroll"_L1;
         if (!pointless || action.contains("x"_L1) || action.contains("y"_L1))
             moveTo(at("x"_L1, "y"_L1));
         hold(true);
-        (this->*byType[type])();
+        const QString text = action["value"_L1].toString();
+        if (type == "text"_L1 && !action.contains("value"_L1))
+            error = u"text needs value"_s;
+        for (qsizetype n = 0; type == "text"_L1 && n < text.size(); ++n)
+            press(text.mid(n, 1));
+        if (type == "key"_L1)
+            press(action["key"_L1].toString());
+        if (type == "scroll"_L1)
+            scroll();
+        if (type == "drag"_L1)
+            drag(at("x"_L1, "y"_L1), at("toX"_L1, "toY"_L1));
+        for (int n = type == "click"_L1 ? 2 : type == "double"_L1 ? 4 : 0; n > 0; --n)
+            button(n % 2 == 0, action["button"_L1].toString(u"left"_s));
         hold(false);
     }
-
-    std::vector<Step> steps;
-    QString error;
-
-private:
-    void move() { } // which has been done
-    void click() { button(true), button(false); }
-    void doubleClick() { click(), click(); }
 
     QPoint at(QLatin1StringView x, QLatin1StringView y)
     {
@@ -89,16 +80,14 @@ private:
             const QJsonObject data = object("axis"_L1, name, "value"_L1, place);
             return object("type"_L1, u"abs"_s, "data"_L1, data);
         };
-        steps.push_back({ { axis(u"x"_s, point.x(), screen.width()),
-                            axis(u"y"_s, point.y(), screen.height()) },
-                          ButtonMs });
+        steps << QJsonArray { axis(u"x"_s, point.x(), screen.width()),
+                              axis(u"y"_s, point.y(), screen.height()) };
     }
 
-    void button(bool down, const QString &other = {})
+    void button(bool down, const QString &name)
     {
-        const QString name = other.isEmpty() ? action["button"_L1].toString(u"left"_s) : other;
         const QJsonObject data = object("down"_L1, down, "button"_L1, name);
-        steps.push_back({ { object("type"_L1, u"btn"_s, "data"_L1, data) }, ButtonMs });
+        steps << QJsonArray { object("type"_L1, u"btn"_s, "data"_L1, data) };
     }
 
     void hold(bool down)
@@ -108,20 +97,22 @@ private:
             const QString code = modifierCodes.value(modifier.toString());
             if (code.isEmpty())
                 error = "there is no modifier "_L1 + modifier.toString();
-            steps.push_back({ { keyEvent(code, down) }, KeyMs });
+            steps << QJsonArray { keyEvent(code, down) };
         }
     }
 
-    void press(QString name)
+    void press(const QString &given)
     {
         static const QRegularExpression plain(u"^([a-z0-9]|f[1-9]|f1[0-2])$"_s);
-        static const QHash<QString, QString> blanks { { u" "_s, u"space"_s },
-                                                      { u"\n"_s, u"enter"_s },
-                                                      { u"\t"_s, u"tab"_s } };
-        name = blanks.value(name, name);
-        const qsizetype symbol = name.size() == 1 ? u"~!@#$%^&*()_+{}|:\"<>?"_s.indexOf(name) : -1;
+        static const QString symbols = u"~!@#$%^&*()_+{}|:\"<>?"_s;
+        static const QString bareSymbols = u"`1234567890-=[]\\;',./"_s;
+        const QString name = given == " "_L1    ? u"space"_s
+                             : given == "\n"_L1 ? u"enter"_s
+                             : given == "\t"_L1 ? u"tab"_s
+                                                : given;
+        const qsizetype symbol = name.size() == 1 ? symbols.indexOf(name) : -1;
         const bool upper = name.size() == 1 && name[0] >= u'A' && name[0] <= u'Z';
-        const QString bare = symbol >= 0 ? u"`1234567890-=[]\\;',./"_s.mid(symbol, 1)
+        const QString bare = symbol >= 0 ? bareSymbols.mid(symbol, 1)
                              : upper     ? name.toLower()
                                          : name;
         const QString code = plain.match(bare).hasMatch() ? bare : keyCodes.value(bare);
@@ -131,18 +122,7 @@ private:
         if (symbol >= 0 || upper)
             events = { keyEvent(u"shift"_s, true), events[0], events[1],
                        keyEvent(u"shift"_s, false) };
-        steps.push_back({ events, KeyMs });
-    }
-
-    void key() { press(action["key"_L1].toString()); }
-
-    void text()
-    {
-        if (!action.contains("value"_L1))
-            error = u"text needs value"_s;
-        const QString value = action["value"_L1].toString();
-        for (const QChar character : value)
-            press(character);
+        steps << events;
     }
 
     void scroll()
@@ -154,57 +134,45 @@ private:
             button(n % 2 == 0, dy > 0 ? u"wheel-down"_s : u"wheel-up"_s);
     }
 
-    void drag()
+    void drag(QPoint from, QPoint to)
     {
-        const QPoint from = at("x"_L1, "y"_L1);
-        const QPoint way = at("toX"_L1, "toY"_L1) - from;
-        button(true);
+        const QString name = action["button"_L1].toString(u"left"_s);
+        button(true, name);
         for (int n = 1; n <= DragSteps; ++n)
-            moveTo(from + way * n / DragSteps);
-        button(false);
+            moveTo(from + (to - from) * n / DragSteps);
+        button(false, name);
     }
 
-    QJsonObject action;
-    QSize screen;
-    double scale;
+    const QJsonObject action;
+    const QSize screen;
+    const double scale;
+    QList<QJsonArray> steps;
+    QString error;
 };
 
-QString inputComplaint(const QJsonObject &arguments, const QJsonArray &actions)
+QString inputComplaint(const Call &call, const QJsonArray &actions)
 {
-    if (arguments.contains("type"_L1) == arguments.contains("actions"_L1))
+    if (call.arguments.contains("type"_L1) == call.arguments.contains("actions"_L1))
         return u"give either type or actions"_s;
     for (const auto &ofCapture : { "captureDelayMs"_L1, "region"_L1, "scale"_L1, "format"_L1 }) {
-        if (arguments.contains(ofCapture) && !arguments["captureAfter"_L1].toBool())
+        if (call.arguments.contains(ofCapture) && !call.flag("captureAfter"_L1))
             return ofCapture + " is only for captureAfter:true"_L1;
     }
-    const bool inRange = !actions.isEmpty() && actions.size() <= MaxActions;
-    return inRange ? QString() : u"actions must have 1 to %1 elements"_s.arg(MaxActions);
+    if (actions.isEmpty() || actions.size() > MaxActions)
+        return u"actions must have 1 to %1 elements"_s.arg(MaxActions);
+    return actions.size() * call.number("delayMs"_L1, 50) < MaxDelayMs
+                   ? QString()
+                   : u"delayMs must be below 45 seconds in sum"_s;
 }
 
-// Nothing, or what QEMU or the machine's end made impossible.
-Later<QString> perform(MachinePtr machine, std::vector<Action::Step> steps)
-{
-    for (const auto &[events, pauseMs] : steps) {
-        if (!machine->is("running"_L1) || !machine->qemu)
-            co_return "the VM is now "_L1 + machine->text("state"_L1);
-        const QJsonObject sent = object("events"_L1, events);
-        const QJsonObject answer = co_await machine->qemu->command(u"input-send-event"_s, sent);
-        if (answer.contains("error"_L1))
-            co_return answer["error"_L1]["desc"_L1].toString();
-        co_await pause(pauseMs);
-    }
-    co_return {};
-}
-
-Later<Answer> sendInput(const Call &call)
-{
+const Tool sendInput("send_input", "running", [](const Call &call) -> Reply {
     QJsonArray actions = call.arguments["actions"_L1].toArray();
     if (call.arguments.contains("type"_L1))
         actions.append(call.arguments);
-    QString complaint = inputComplaint(call.arguments, actions);
+    QString complaint = inputComplaint(call, actions);
     const QImage before = co_await takePicture(call.machine);
     const double imageScale = call.arguments["imageScale"_L1].toDouble(1);
-    std::vector<Action> all;
+    std::list<Action> all;
     for (qsizetype n = 0; n < actions.size() && complaint.isEmpty(); ++n)
         complaint = all.emplace_back(actions[n].toObject(), before.size(), imageScale).error;
     if (!complaint.isEmpty())
@@ -214,9 +182,13 @@ Later<Answer> sendInput(const Call &call)
         co_return picture;
     int done = 0;
     for (const Action &action : all) {
-        const QString failure = co_await perform(call.machine, action.steps);
-        if (!failure.isEmpty())
-            co_return wrongState(u"%1 actions were done, then: %2"_s.arg(done).arg(failure));
+        for (const QJsonArray &step : action.steps) {
+            if (!call.machine->qemu)
+                co_return wrongState(u"%1 actions were done, then the VM ended"_s.arg(done));
+            const QJsonObject events = object("events"_L1, step);
+            co_await call.machine->qemu->command(u"input-send-event"_s, events);
+            co_await pause(EventMs);
+        }
         ++done;
         co_await pause(call.number("delayMs"_L1, 50));
     }
@@ -227,8 +199,6 @@ Later<Answer> sendInput(const Call &call)
     QJsonObject result = picture["result"_L1].toObject();
     result["actions"_L1] = done;
     co_return picture.contains("error"_L1) ? picture : ok(result);
-}
+});
 
 } // namespace
-
-std::vector<Tool> inputTools() { return { { u"send_input"_s, u"running"_s, sendInput, {} } }; }

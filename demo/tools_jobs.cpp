@@ -46,8 +46,7 @@ QString creationComplaint(const Call &call)
     return {};
 }
 
-Later<Answer> createVm(const Call &call)
-{
+const Tool createVm("create_vm", "", [](const Call &call) -> Reply {
     if (call.text("os"_L1) == "macOS"_L1)
         co_return unavailable(u"this host cannot run macOS"_s);
     if (const QString complaint = creationComplaint(call); !complaint.isEmpty())
@@ -65,28 +64,25 @@ Later<Answer> createVm(const Call &call)
         co_await pause(LookMs);
     const MachinePtr machine = call.world.machines.value((*job)["vmId"_L1].toString());
     co_return machine ? ok(told(*machine)) : fail(u"failed"_s, (*job)["error"_L1].toString());
-}
+});
 
-Later<Answer> jobStatus(const Call &call) { return ok(*call.job); }
+const Tool jobStatus("job_status", "", [](const Call &call) -> Reply { return ok(*call.job); });
 
-Later<Answer> jobWait(const Call &call)
-{
+const Tool jobWait("job_wait", "", [](const Call &call) -> Reply {
     const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 120) * 1'000);
     while (runs(call.job) && !timeUp.isSet() && call.wanted())
         co_await pause(LookMs);
     co_return ok(*call.job);
-}
+});
 
-Later<Answer> listJobs(const Call &call)
-{
+const Tool listJobs("list_jobs", "", [](const Call &call) -> Reply {
     QJsonArray all;
     for (const JobPtr &job : call.world.jobs)
         all.append(*job);
     return ok("jobs"_L1, all);
-}
+});
 
-Later<Answer> listImages(const Call &)
-{
+const Tool listImages("list_images", "", [](const Call &) -> Reply {
     QFile file(guestFile(u"version"_s));
     if (!missingOnHost().isEmpty() || !file.open(QIODevice::ReadOnly))
         return ok("images"_L1, QJsonArray());
@@ -94,18 +90,6 @@ Later<Answer> listImages(const Call &)
     const QJsonObject image = object("imageId"_L1, smallLinux, "os"_L1, u"linux"_s, "version"_L1,
                                      version, "downloaded"_L1, true);
     return ok("images"_L1, QJsonArray { image });
-}
+});
 
 } // namespace
-
-std::vector<Tool> jobTools()
-{
-    return {
-        { u"create_vm"_s, {}, createVm, {} },
-        { u"job_status"_s, {}, jobStatus, {} },
-        { u"job_wait"_s, {}, jobWait, {} },
-        { u"list_jobs"_s, {}, listJobs, {} },
-        { u"list_images"_s, {}, listImages, {} },
-        { u"list_restore_images"_s, {}, nullptr, u"this host cannot run macOS"_s },
-    };
-}

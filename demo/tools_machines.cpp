@@ -1,7 +1,6 @@
 // Machines from their start to their deletion, and what is told of them.
 
 #include "host.h"
-#include "screen.h"
 #include "tools.h"
 
 #include <QFile>
@@ -16,20 +15,18 @@ constexpr int ShutdownMs = 45'000;
 constexpr int AskAgainMs = 5'000; // a guest that boots does not hear its power button
 constexpr int MaxLogLines = 200;
 
-Later<Answer> listVms(const Call &call)
-{
+const Tool listVms("list_vms", "", [](const Call &call) -> Reply {
     QJsonArray vms;
     for (const MachinePtr &machine : call.world.machines)
         vms << machine->pick({ "id"_L1, "name"_L1, "os"_L1, "state"_L1 });
     return ok("vms"_L1, vms);
-}
+});
 
-Later<Answer> getVm(const Call &call)
-{
+const Tool getVm("get_vm", "", [](const Call &call) -> Reply {
     if (call.machine->qemu)
         co_await takePicture(call.machine); // for the size of the display
     co_return ok(told(*call.machine));
-}
+});
 
 Answer stateOf(const Machine &machine, const QString &complaint = {})
 {
@@ -37,17 +34,16 @@ Answer stateOf(const Machine &machine, const QString &complaint = {})
                                : fail(u"failed"_s, complaint);
 }
 
-Later<Answer> startVm(const Call &call)
-{
+const Tool startVm("start_vm", "unsuspended", [](const Call &call) -> Reply {
     const auto refusal = call.world.refuseStart(*call.machine);
     if (call.machine->is("running"_L1))
         co_return stateOf(*call.machine);
     if (refusal)
         co_return *refusal;
     co_return stateOf(*call.machine, co_await call.machine->boot());
-}
+});
 
-Later<Answer> stopByForce(const Call &call)
+Reply stopByForce(const Call &call)
 {
     if (call.machine->is("suspended"_L1))
         co_return stateOf(*call.machine, co_await call.machine->dropMemory());
@@ -57,8 +53,7 @@ Later<Answer> stopByForce(const Call &call)
     co_return stateOf(*call.machine);
 }
 
-Later<Answer> stopVm(const Call &call)
-{
+const Tool stopVm("stop_vm", "", [](const Call &call) -> Reply {
     if (call.text("mode"_L1) == "force"_L1)
         co_return co_await stopByForce(call);
     if (call.machine->is("suspended"_L1))
@@ -74,26 +69,23 @@ Later<Answer> stopVm(const Call &call)
     }
     const QString running = u"the guest has not shut down yet (wait_for_state)"_s;
     co_return stateOf(*call.machine, call.machine->qemu ? running : QString());
-}
+});
 
-Later<Answer> suspendResumeVm(const Call &call)
-{
+const Tool suspendResumeVm("suspend_resume_vm", "unstopped", [](const Call &call) -> Reply {
     if (!call.machine->is("suspended"_L1))
         co_return stateOf(*call.machine, co_await call.machine->suspend());
     if (const auto refusal = call.world.refuseStart(*call.machine))
         co_return *refusal;
     co_return stateOf(*call.machine, co_await call.machine->resume());
-}
+});
 
-Later<Answer> deleteVm(const Call &call)
-{
+const Tool deleteVm("delete_vm", "stopped confirm", [](const Call &call) -> Reply {
     call.machine->folder.removeRecursively();
     call.world.machines.remove(call.text("id"_L1));
     return ok("id"_L1, call.machine->text("id"_L1), "deleted"_L1, true);
-}
+});
 
-Later<Answer> waitForState(const Call &call)
-{
+const Tool waitForState("wait_for_state", "", [](const Call &call) -> Reply {
     const QString target = call.arguments["target"_L1].toString(u"running"_s);
     const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 45) * 1'000);
     while (call.machine->text("state"_L1) != target && !timeUp.isSet() && call.wanted()) {
@@ -103,10 +95,9 @@ Later<Answer> waitForState(const Call &call)
     }
     const QString state = call.machine->text("state"_L1);
     co_return ok("reached"_L1, state == target, "state"_L1, state);
-}
+});
 
-Later<Answer> getDiagnostics(const Call &call)
-{
+const Tool getDiagnostics("get_diagnostics", "", [](const Call &call) -> Reply {
     const Machine &machine = *call.machine;
     const bool runs = machine.qemu != nullptr;
     QJsonArray checks;
@@ -123,10 +114,9 @@ Later<Answer> getDiagnostics(const Call &call)
     return ok("state"_L1, machine.settings["state"_L1], "uptimeSeconds"_L1,
               runs ? machine.started.elapsed() / 1'000 : 0, "checks"_L1, checks, "lastError"_L1,
               machine.lastError.isEmpty() ? QJsonValue() : machine.lastError);
-}
+});
 
-Later<Answer> tailLog(const Call &call)
-{
+const Tool tailLog("tail_log", "", [](const Call &call) -> Reply {
     const QRegularExpression pattern(call.text("grep"_L1));
     const auto oldest = QDateTime::currentDateTimeUtc().addSecs(
             -call.arguments["sinceSeconds"_L1].toInteger(1'000'000'000));
@@ -138,10 +128,9 @@ Later<Answer> tailLog(const Call &call)
     while (lines.size() > MaxLogLines)
         lines.removeFirst();
     return ok("lines"_L1, lines);
-}
+});
 
-Later<Answer> setHardware(const Call &call)
-{
+const Tool setHardware("set_hardware", "stopped", [](const Call &call) -> Reply {
     if (call.arguments.size() < 2)
         return wrong(u"give at least one setting to change"_s);
     QJsonObject changed = call.machine->settings;
@@ -151,10 +140,9 @@ Later<Answer> setHardware(const Call &call)
         return *refusal;
     call.machine->settings = changed;
     return ok(told(*call.machine));
-}
+});
 
-Later<Answer> resizeDisk(const Call &call)
-{
+const Tool resizeDisk("resize_disk", "stopped confirm", [](const Call &call) -> Reply {
     const int size = call.arguments["newGB"_L1].toInt();
     if (size <= call.machine->settings["diskGB"_L1].toInt())
         co_return wrong(u"a disk can only grow"_s);
@@ -164,16 +152,15 @@ Later<Answer> resizeDisk(const Call &call)
         co_return fail(u"failed"_s, grown.words());
     call.machine->settings["diskGB"_L1] = size;
     co_return ok(call.machine->pick({ "id"_L1, "diskGB"_L1 }));
-}
+});
 
-Later<Answer> setInstallerMedia(const Call &call)
-{
+const Tool setInstallerMedia("set_installer_media", "stopped", [](const Call &call) -> Reply {
     const QFileInfo file(call.text("path"_L1));
     if (!file.isAbsolute() || !file.isFile() || !file.isReadable() || file.suffix() != "iso"_L1)
         return wrong(u"path is not a readable .iso file on the host"_s);
     call.machine->settings["installerMedia"_L1] = file.filePath();
     return ok(told(*call.machine));
-}
+});
 
 // Whether the disk begins as one that a PC boots from; Small Linux does without.
 Later<bool> hasBootSector(MachinePtr machine)
@@ -183,8 +170,7 @@ Later<bool> hasBootSector(MachinePtr machine)
     co_return sector.open(QIODevice::ReadOnly) && sector.readAll().endsWith("\x55\xaa");
 }
 
-Later<Answer> finishInstall(const Call &call)
-{
+const Tool finishInstall("finish_install", "stopped", [](const Call &call) -> Reply {
     QJsonObject &settings = call.machine->settings;
     const Flag works(call.machine->busy);
     const bool otherSystem = co_await hasBootSector(call.machine);
@@ -194,50 +180,17 @@ Later<Answer> finishInstall(const Call &call)
     settings["installed"_L1] = true;
     settings["installerMedia"_L1] = QJsonValue::Null;
     co_return ok(told(*call.machine));
-}
+});
 
-Later<Answer> hostCapabilities(const Call &call)
-{
+const Tool hostCapabilities("host_capabilities", "", [](const Call &call) -> Reply {
     return ok("maxCpu"_L1, hostProcessors(), "maxRamGB"_L1, hostMemoryGB(), "freeDiskGB"_L1,
               freeDiskGB(call.world.place), "nestedVirt"_L1, false, "rosetta"_L1, false,
               "bridgeInterfaces"_L1, QJsonArray());
-}
+});
 
-Later<Answer> networkingStatus(const Call &)
-{
+const Tool networkingStatus("networking_status", "", [](const Call &) -> Reply {
     return ok("installed"_L1, false, "running"_L1, false, "version"_L1, QJsonValue(), "problems"_L1,
               QJsonArray());
-}
+});
 
 } // namespace
-
-std::vector<Tool> machineTools()
-{
-    const QString noService = u"the demonstration has no networking service"_s;
-    return {
-        { u"list_vms"_s, {}, listVms, {} },
-        { u"get_vm"_s, {}, getVm, {} },
-        { u"start_vm"_s, u"unsuspended"_s, startVm, {} },
-        { u"stop_vm"_s, {}, stopVm, {} },
-        { u"suspend_resume_vm"_s, u"unstopped"_s, suspendResumeVm, {} },
-        { u"delete_vm"_s, u"stopped confirm"_s, deleteVm, {} },
-        { u"wait_for_state"_s, {}, waitForState, {} },
-        { u"get_diagnostics"_s, {}, getDiagnostics, {} },
-        { u"tail_log"_s, {}, tailLog, {} },
-        { u"set_hardware"_s, u"stopped"_s, setHardware, {} },
-        { u"resize_disk"_s, u"stopped confirm"_s, resizeDisk, {} },
-        { u"set_installer_media"_s, u"stopped"_s, setInstallerMedia, {} },
-        { u"finish_install"_s, u"stopped"_s, finishInstall, {} },
-        { u"host_capabilities"_s, {}, hostCapabilities, {} },
-        { u"networking_status"_s, {}, networkingStatus, {} },
-        { u"networking_install networking_repair networking_uninstall"_s, {}, nullptr, noService },
-        { u"set_linux_network_path"_s, u"linux"_s, nullptr, noService },
-        { u"add_shared_folder remove_shared_folder set_shared_folder_readonly"_s,
-          {},
-          nullptr,
-          u"the kernel of Small Linux cannot share folders"_s },
-        { u"set_attach_linux_guest_tools"_s, u"linux stopped"_s, nullptr,
-          u"there is no disc of guest tools: Small Linux has them built in"_s },
-        { u"reveal_vm"_s, {}, nullptr, u"the demonstration shows no windows"_s },
-    };
-}

@@ -1,6 +1,5 @@
 // What a machine's screen shows.
 
-#include "screen.h"
 #include "tools.h"
 
 #include <QBuffer>
@@ -24,22 +23,6 @@ constexpr QStringView Glyphs // of VGA's font, by their codes
           "¡«»░▒▓│┤╡╢╖╕╣║╗╝╜╛┐└┴┬├─┼╞╟╚╔╩╦╠═╬╧╨╤╥╙╘╒╓╫╪┘┌█▄▌▐▀αßΓπΣσµτΦΘΩδ∞φε∩≡±≥≤⌠⌡÷≈°∙·√ⁿ²■ ";
 static_assert(Glyphs.size() == 256);
 
-// A file in the machine's folder that QEMU writes for us, gone with this object.
-class Handover
-{
-public:
-    explicit Handover(const MachinePtr &machine) : file(machine->folder.filePath(name)) { }
-    ~Handover() { file.remove(); }
-    Q_DISABLE_COPY_MOVE(Handover)
-    QByteArray read() { return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray(); }
-
-    const QString name = u"handover-%1"_s.arg(++lastNumber);
-
-private:
-    static inline int lastNumber = 0;
-    QFile file;
-};
-
 // Of "portb[0x03d5] = 4f".
 int portValue(const QJsonObject &answer)
 {
@@ -61,17 +44,22 @@ QStringList linesOf(const QByteArray &memory, int start, int rows)
     return lines;
 }
 
+QByteArray contents(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 // What the screen shows in VGA's text mode, exactly, without blanks at the ends of lines and blank
 // lines at the end. Nothing where it is graphical, or the machine has ended.
 Later<std::optional<QStringList>> readText(MachinePtr machine)
 {
     const QImage picture = co_await takePicture(machine);
-    while (machine->textIsRead)
+    while (machine->screenIsRead)
         co_await pause(PollMs);
     if (picture.size() != TextMode || !machine->qemu)
         co_return std::nullopt;
-    const Flag reads(machine->textIsRead);
-    Handover file(machine);
+    const Flag reads(machine->screenIsRead);
     Qemu &qemu = *machine->qemu;
     // The registers of the CRT controller are read through its index, which is the guest's: the
     // guest stands still meanwhile, and finds the index as it was.
@@ -79,28 +67,24 @@ Later<std::optional<QStringList>> readText(MachinePtr machine)
     const Later<QJsonObject> index = qemu.monitor(u"i/b 0x3d4"_s);
     const Later<QJsonObject> high = qemu.monitor(u"i/b 0x3d4.12"_s);
     const Later<QJsonObject> low = qemu.monitor(u"i/b 0x3d4.13"_s);
-    const Later<QJsonObject> scanLines = qemu.monitor(u"i/b 0x3d4.9"_s);
-    const Later<QJsonObject> saved
-            = qemu.command(u"pmemsave"_s, object("val"_L1, 0xb8000, "size"_L1, TextBytes,
-                                                 "filename"_L1, file.name));
-    const QJsonObject before = co_await index;
+    const Later<QJsonObject> cellHeight = qemu.monitor(u"i/b 0x3d4.9"_s);
+    const Later<QJsonObject> saved = qemu.monitor(u"pmemsave 0xb8000 0x8000 text"_s);
+    const QString restore = u"o/b 0x3d4 %1"_s.arg(portValue(co_await index));
     if (machine->qemu) {
-        machine->qemu->monitor(u"o/b 0x3d4 %1"_s.arg(portValue(before)));
+        machine->qemu->monitor(restore);
         machine->qemu->command(u"cont"_s);
     }
     const int start = portValue(co_await high) * 0x100 + portValue(co_await low);
-    const int cellHeight = (portValue(co_await scanLines) & 0x1f) + 1;
+    const int rows = TextMode.height() / ((portValue(co_await cellHeight) & 0x1f) + 1);
     co_await saved;
-    const QByteArray memory = file.read();
-    if (memory.size() != TextBytes)
-        co_return std::nullopt;
-    co_return linesOf(memory, start, TextMode.height() / cellHeight);
+    const QByteArray memory = contents(machine->folder.filePath(u"text"_s));
+    co_return memory.size() < TextBytes ? std::nullopt
+                                        : std::optional(linesOf(memory, start, rows));
 }
 
-Later<Answer> captureScreen(const Call &call)
-{
+const Tool captureScreen("capture_screen", "running", [](const Call &call) -> Reply {
     co_return captured(co_await takePicture(call.machine), call.arguments);
-}
+});
 
 Answer refuseText(const Machine &machine)
 {
@@ -109,17 +93,15 @@ Answer refuseText(const Machine &machine)
                    : wrongState("the VM is now "_L1 + machine.text("state"_L1));
 }
 
-Later<Answer> readConsoleText(const Call &call)
-{
+const Tool readConsoleText("read_console_text", "running", [](const Call &call) -> Reply {
     const auto text = co_await readText(call.machine);
     if (!text)
         co_return refuseText(*call.machine);
     const QStringList lines = text->filter(QRegularExpression(call.text("pattern"_L1)));
     co_return ok("text"_L1, lines.join(u'\n'), "lines"_L1, lines.size());
-}
+});
 
-Later<Answer> waitForText(const Call &call)
-{
+const Tool waitForText("wait_for_text", "running", [](const Call &call) -> Reply {
     const QRegularExpression pattern(call.text("pattern"_L1));
     const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 45) * 1'000);
     while (call.wanted()) {
@@ -134,21 +116,23 @@ Later<Answer> waitForText(const Call &call)
         co_await pause(ReadAgainMs);
     }
     co_return {};
-}
+});
 
 } // namespace
 
 Later<QImage> takePicture(MachinePtr machine)
 {
+    while (machine->screenIsRead)
+        co_await pause(PollMs);
+    const Flag reads(machine->screenIsRead);
     if (!machine->qemu)
         co_return {};
-    Handover file(machine);
-    co_await machine->qemu->command(u"screendump"_s, object("filename"_L1, file.name));
-    const QImage image = QImage::fromData(file.read());
-    if (!image.isNull())
+    co_await machine->qemu->command(u"screendump"_s, object("filename"_L1, u"screen"_s));
+    const QImage image = QImage::fromData(contents(machine->folder.filePath(u"screen"_s)));
+    if (!image.isNull() && machine->qemu)
         machine->settings["display"_L1]
-                = QJsonObject { { u"width"_s, image.width() }, { u"height"_s, image.height() } };
-    co_return image;
+                = object("width"_L1, image.width(), "height"_L1, image.height());
+    co_return machine->qemu ? image : QImage();
 }
 
 Answer captured(const QImage &screen, const QJsonObject &arguments)
@@ -184,17 +168,4 @@ Answer captured(const QImage &screen, const QJsonObject &arguments)
         return fail(u"failed"_s, "cannot write a picture: "_L1 + file.errorString());
     result["path"_L1] = file.fileName();
     return ok(result);
-}
-
-std::vector<Tool> screenTools()
-{
-    return {
-        { u"capture_screen"_s, u"running"_s, captureScreen, {} },
-        { u"read_console_text"_s, u"running"_s, readConsoleText, {} },
-        { u"wait_for_text"_s, u"running"_s, waitForText, {} },
-        { u"set_console_window_size"_s, u"running"_s, nullptr,
-          u"the demonstration shows no windows"_s },
-        { u"set_display_resolution"_s, u"running tools"_s, nullptr,
-          u"the guest's text screen has a fixed size of 720 x 400 pixels"_s },
-    };
 }

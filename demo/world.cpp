@@ -40,16 +40,17 @@ QJsonObject settingsOf(const QJsonObject &arguments, const QString &folder)
 std::optional<Answer> refuseHardware(const QJsonObject &settings)
 {
     const bool linux = settings["os"_L1].toString() == "linux"_L1;
+    const bool rosetta = settings["rosetta"_L1].toBool();
     const bool bridged = settings["network"_L1].toString() == "bridge"_L1;
     const QString driver = settings["linuxNetworkDriver"_L1].toString();
-    if (!linux && (settings["rosetta"_L1].toBool() || !driver.isEmpty()))
+    if (!linux && (rosetta || !driver.isEmpty()))
         return wrong(u"rosetta and linuxNetworkDriver are only for os:linux"_s);
     if (!settings["bridgeInterface"_L1].toString().isEmpty() && !bridged)
         return wrong(u"bridgeInterface is only for network:bridge"_s);
-    if (settings["rosetta"_L1].toBool() || settings["nestedVirt"_L1].toBool())
-        return unavailable(u"there is no rosetta and no nestedVirt (host_capabilities)"_s);
-    if (bridged || !(driver.isEmpty() || driver == "builtin"_L1))
-        return unavailable(u"the demonstration has no networking service, only nat and builtin"_s);
+    if (rosetta || settings["nestedVirt"_L1].toBool() || bridged
+        || !(driver.isEmpty() || driver == "builtin"_L1))
+        return unavailable(
+                u"there are only network:nat and the builtin driver, no rosetta, no nestedVirt"_s);
     return {};
 }
 
