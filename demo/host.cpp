@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QPointer>
 #include <QStandardPaths>
 #include <QStorageInfo>
 #include <QThread>
@@ -90,7 +91,10 @@ Later<Outcome> run(const QString &program, const QStringList &arguments, const Q
         if (error == QProcess::FailedToStart)
             end(-1);
     });
-    QTimer::singleShot(limitMs, process, &QProcess::kill);
+    QTimer::singleShot(limitMs, [guard = QPointer(process)] {
+        if (guard)
+            guard->kill();
+    });
     process->setWorkingDirectory(folder);
     startBound(*process, program, arguments);
     return done;

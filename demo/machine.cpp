@@ -9,8 +9,6 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr size_t MaxLogLines = 2'000;
-constexpr int LaunchMs = 60'000;
-constexpr int QuitMs = 3'000;
 constexpr int PollMs = 20;
 
 // Whether KVM is worth a try: it may be there and still not work, which only a start tells.
@@ -98,12 +96,7 @@ Later<QString> Machine::launch(const QStringList &more)
             Qemu::Listener { [this](const QString &line) { note(line); },
                              [this](const QString &event) { happened(event); },
                              [this](const QString &error) { ended(error); } });
-    const Later<QJsonObject> up = qemu->up;
-    QTimer::singleShot(LaunchMs, qemu.get(), [this, up] {
-        if (!up.isSet())
-            qemu->kill();
-    });
-    co_await up;
+    co_await qemu->up;
     co_return qemu ? QString() : lastError;
 }
 
@@ -162,14 +155,6 @@ Later<QString> Machine::dropMemory()
     if (dropped.succeeded())
         setState("stopped"_L1);
     co_return dropped.words();
-}
-
-void Machine::cutPower()
-{
-    if (!qemu)
-        return;
-    qemu->command(u"quit"_s);
-    QTimer::singleShot(QuitMs, qemu.get(), [this] { qemu->kill(); });
 }
 
 void Machine::happened(const QString &event)

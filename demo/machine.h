@@ -30,8 +30,6 @@ public:
     Later<QString> resume(); // suspended
     Later<QString> dropMemory(); // suspended, then stopped
 
-    void cutPower(); // of a running machine; it has stopped once qemu is gone
-
     // Runs qemu-img in the folder: its words, with a blank between them.
     Later<Outcome> diskTool(const QString &words) const;
 

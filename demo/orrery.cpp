@@ -44,11 +44,11 @@ public:
         QLocalServer::removeServer(OrreryControl::pipeName()); // of a run that was killed
         if (complaint.isEmpty() && !server.listen(OrreryControl::pipeName()))
             complaint = server.errorString();
-        if (!complaint.isEmpty())
-            std::fprintf(stderr, "orrery (demonstration): %s\n", qUtf8Printable(complaint));
-        if (!complaint.isEmpty())
-            QCoreApplication::exit(1);
-        co_return complaint.isEmpty();
+        if (complaint.isEmpty())
+            co_return true;
+        std::fprintf(stderr, "orrery (demonstration): %s\n", qUtf8Printable(complaint));
+        QCoreApplication::exit(1);
+        co_return false;
     }
 
 private:

@@ -1,6 +1,7 @@
 #include "qemu.h"
 
 #include <QJsonDocument>
+#include <QPointer>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -9,6 +10,8 @@ using namespace Qt::StringLiterals;
 
 constexpr qsizetype MaxLine = 1'000; // of what the guest says
 constexpr int GuestMs = 25'000;
+constexpr int LaunchMs = 60'000;
+constexpr int QuitMs = 3'000;
 constexpr qint64 MaxAgentBytes = 1 << 20;
 
 // Gives one end to a socket, and returns the other; -1 when there are no descriptors left.
@@ -18,6 +21,13 @@ static int connectPair(QLocalSocket &socket)
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0)
         socket.setSocketDescriptor(ends[0]);
     return ends[1];
+}
+
+static Later<bool> giveUp(Later<QJsonObject> answer)
+{
+    co_await pause(GuestMs);
+    answer.set({});
+    co_return true;
 }
 
 Qemu::Qemu(const QStringList &arguments, const QString &folder, Listener callbacks)
@@ -45,6 +55,10 @@ Qemu::Qemu(const QStringList &arguments, const QString &folder, Listener callbac
     close(qmpEnd);
     close(agentEnd);
     up = command(u"qmp_capabilities"_s);
+    QTimer::singleShot(LaunchMs, [guard = QPointer(this), made = up] {
+        if (guard && !made.isSet())
+            guard->process.kill();
+    });
 }
 
 Qemu::~Qemu()
@@ -52,6 +66,15 @@ Qemu::~Qemu()
     process.disconnect(this);
     process.kill();
     process.waitForFinished();
+}
+
+void Qemu::cutPower()
+{
+    command(u"quit"_s);
+    QTimer::singleShot(QuitMs, [guard = QPointer(this)] {
+        if (guard)
+            guard->process.kill();
+    });
 }
 
 Later<QJsonObject> Qemu::command(const QString &name, const QJsonObject &arguments)
@@ -69,9 +92,10 @@ Later<QJsonObject> Qemu::monitor(const QString &line)
 
 Later<QJsonObject> Qemu::inGuest(const QString &shellCommand)
 {
-    agent.write(QByteArray::number(++lastId) + ' ' + shellCommand.toUtf8().toBase64() + '\n');
-    QTimer::singleShot(GuestMs, this, [this, id = lastId] { waiting.take(id).set({}); });
-    return waiting[lastId];
+    const Later<QJsonObject> answer = waiting[++lastId];
+    agent.write(QByteArray::number(lastId) + ' ' + shellCommand.toUtf8().toBase64() + '\n');
+    giveUp(answer);
+    return answer;
 }
 
 void Qemu::readMonitor()

@@ -32,7 +32,8 @@ public:
     // "output", or nothing when 25 s have passed.
     Later<QJsonObject> inGuest(const QString &shellCommand);
 
-    void kill() { process.kill(); }
+    // Ends it: politely, and if that does not help, by force.
+    void cutPower();
 
     // The first answer: the machine is made, and its processors could be started.
     Later<QJsonObject> up;

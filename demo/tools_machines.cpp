@@ -47,7 +47,8 @@ Reply stopByForce(const Call &call)
 {
     if (call.machine->is("suspended"_L1))
         co_return stateOf(*call.machine, co_await call.machine->dropMemory());
-    call.machine->cutPower();
+    if (call.machine->qemu)
+        call.machine->qemu->cutPower();
     while (call.machine->qemu)
         co_await pause(LookMs);
     co_return stateOf(*call.machine);
