@@ -2,7 +2,6 @@
 
 #include <QCoreApplication>
 #include <QFile>
-#include <QPointer>
 #include <QStandardPaths>
 #include <QStorageInfo>
 #include <QThread>
@@ -63,6 +62,14 @@ void startBound(QProcess &process, const QString &program, const QStringList &ar
     process.start(program, arguments);
 }
 
+Later<bool> killAfter(QPointer<QProcess> process, int ms, Later<QJsonObject> unless)
+{
+    co_await pause(ms);
+    if (process && !unless.isSet())
+        process->kill();
+    co_return true;
+}
+
 Later<Outcome> run(const QString &program, const QStringList &arguments, const QString &folder,
                    int limitMs)
 {
@@ -91,10 +98,7 @@ Later<Outcome> run(const QString &program, const QStringList &arguments, const Q
         if (error == QProcess::FailedToStart)
             end(-1);
     });
-    QTimer::singleShot(limitMs, [guard = QPointer(process)] {
-        if (guard)
-            guard->kill();
-    });
+    killAfter(process, limitMs);
     process->setWorkingDirectory(folder);
     startBound(*process, program, arguments);
     return done;

@@ -5,6 +5,7 @@
 
 #include "answers.h"
 
+#include <QPointer>
 #include <QProcess>
 
 int hostProcessors();
@@ -20,6 +21,9 @@ QString missingOnHost();
 // process ends, however that does; it goes by the thread that forks, so call it from the main one.
 void startBound(QProcess &process, const QString &program, const QStringList &arguments,
                 const QList<int> &inherited = {});
+
+// Kills what still runs after that many milliseconds, unless that value has come.
+Later<bool> killAfter(QPointer<QProcess> process, int ms, Later<QJsonObject> unless = {});
 
 struct Outcome
 {

@@ -96,7 +96,8 @@ Later<QString> Machine::launch(const QStringList &more)
             Qemu::Listener { [this](const QString &line) { note(line); },
                              [this](const QString &event) { happened(event); },
                              [this](const QString &error) { ended(error); } });
-    co_await qemu->up;
+    const Later<QJsonObject> up = qemu->up; // which may go while it is waited for
+    co_await up;
     co_return qemu ? QString() : lastError;
 }
 

@@ -1,7 +1,6 @@
 #include "qemu.h"
 
 #include <QJsonDocument>
-#include <QPointer>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -55,10 +54,7 @@ Qemu::Qemu(const QStringList &arguments, const QString &folder, Listener callbac
     close(qmpEnd);
     close(agentEnd);
     up = command(u"qmp_capabilities"_s);
-    QTimer::singleShot(LaunchMs, [guard = QPointer(this), made = up] {
-        if (guard && !made.isSet())
-            guard->process.kill();
-    });
+    killAfter(&process, LaunchMs, up);
 }
 
 Qemu::~Qemu()
@@ -71,10 +67,7 @@ Qemu::~Qemu()
 void Qemu::cutPower()
 {
     command(u"quit"_s);
-    QTimer::singleShot(QuitMs, [guard = QPointer(this)] {
-        if (guard)
-            guard->process.kill();
-    });
+    killAfter(&process, QuitMs);
 }
 
 Later<QJsonObject> Qemu::command(const QString &name, const QJsonObject &arguments)
