@@ -3,12 +3,13 @@
 #pragma once
 
 #include <QJsonObject>
-#include <QTimer>
 
 #include <coroutine>
 #include <exception>
 #include <memory>
 #include <optional>
+
+void resumeSoon(std::coroutine_handle<> waiter); // from the event loop
 
 // What an asynchronous function gives, which may be a coroutine: co_await waits for the value,
 // co_return sets it. Copies share the value; one of them at most may be waited for at a time.
@@ -36,7 +37,7 @@ public:
             return;
         state->value = std::move(value);
         if (state->waiter)
-            QTimer::singleShot(0, [kept = state] { kept->waiter.resume(); });
+            resumeSoon(state->waiter);
     }
 
     bool isSet() const { return state->value.has_value(); }
@@ -53,13 +54,7 @@ private:
     std::shared_ptr<State> state = std::make_shared<State>();
 };
 
-// Is there after that many milliseconds.
-inline Later<bool> pause(int ms)
-{
-    Later<bool> over;
-    QTimer::singleShot(ms, [over] { over.set(true); });
-    return over;
-}
+Later<bool> pause(int ms); // is there after that many milliseconds
 
 using Answer = QJsonObject; // with "result", or with "error"
 

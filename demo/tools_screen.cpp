@@ -29,7 +29,7 @@ int portValue(const QJsonObject &answer)
     return answer["return"_L1].toString().trimmed().section(u' ', -1).toInt(nullptr, 16);
 }
 
-QStringList linesOf(const QByteArray &memory, int start, int rows)
+QStringList linesOf(const QByteArray &memory, qsizetype start, qsizetype rows)
 {
     static const QRegularExpression blanksAtEnd(u" +$"_s);
     QStringList lines;
