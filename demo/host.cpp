@@ -58,7 +58,6 @@ void startBound(QProcess &process, const QString &program, const QStringList &ar
         for (const int descriptor : inherited)
             fcntl(descriptor, F_SETFD, 0);
     });
-    process.setStandardInputFile(QProcess::nullDevice());
     process.start(program, arguments);
 }
 

@@ -17,8 +17,8 @@ QString guestFile(const QString &name);
 // What of the programs and files is missing, and how to get it; empty when all is there.
 QString missingOnHost();
 
-// Starts a program without input that inherits the descriptors. The kernel kills it when this
-// process ends, however that does; it goes by the thread that forks, so call it from the main one.
+// Starts a program that inherits the descriptors. The kernel kills it when this process ends,
+// however that does; it goes by the thread that forks, so call it from the main one.
 void startBound(QProcess &process, const QString &program, const QStringList &arguments,
                 const QList<int> &inherited = {});
 

@@ -40,7 +40,8 @@ QJsonObject sshSettings(const Machine &machine)
 }
 
 // Runs a command as a user of the guest; the network forwards a port of 127.0.0.1 to its server.
-Later<Outcome> ssh(MachinePtr machine, QString user, QString options, QString command, int limitMs)
+Later<Outcome> ssh(MachinePtr machine, QString user, QString command, int limitMs,
+                   bool terminal = false)
 {
     static const QRegularExpression forward(u"HOST_FORWARD.*127\\.0\\.0\\.1\\s+(\\d+)"_s);
     if (!machine->qemu)
@@ -51,8 +52,9 @@ Later<Outcome> ssh(MachinePtr machine, QString user, QString options, QString co
             = u"-F none -i key -o BatchMode=yes -o IdentitiesOnly=yes -o LogLevel=ERROR "
               "-o IdentityAgent=none -o StrictHostKeyChecking=accept-new "
               "-o UserKnownHostsFile=known_hosts -o HostKeyAlias=guest "
-              "-o ConnectTimeout=60 -p %1 127.0.0.1 %2-l"_s;
-    const QStringList arguments = words.arg(port, options).split(u' ') << user << command;
+              "-o ConnectTimeout=60 -p %1 127.0.0.1 %2 -l"_s;
+    const QStringList arguments = words.arg(port, terminal ? u"-tt"_s : u"-n"_s).split(u' ')
+                                  << user << command;
     co_return co_await run(u"ssh"_s, arguments, machine->folder.path(), limitMs);
 }
 
@@ -79,7 +81,7 @@ const Tool sshStatus("ssh_status", "", [](const Call &call) -> Reply {
     QJsonObject status = sshSettings(*call.machine);
     Outcome tried;
     if (status["provisioned"_L1].toBool())
-        tried = co_await ssh(call.machine, status["user"_L1].toString(), {}, u"true"_s, StatusMs);
+        tried = co_await ssh(call.machine, status["user"_L1].toString(), u"true"_s, StatusMs);
     status["reachable"_L1] = tried.succeeded();
     co_return ok(status);
 });
@@ -128,7 +130,7 @@ const Tool runInGuest("run_in_guest", "running ssh", [](const Call &call) -> Rep
     const int commandMs = std::min(call.number("commandTimeoutSeconds"_L1, 35) * 1'000, wholeMs);
     const Later<bool> wholeUp = pause(wholeMs);
     const QString user = arguments["user"_L1].toString(machine->text("sshUser"_L1));
-    const Outcome tried = co_await ssh(machine, user, {}, u"true"_s, connectMs);
+    const Outcome tried = co_await ssh(machine, user, u"true"_s, connectMs);
     if (!tried.succeeded())
         co_return fail(u"unreachable"_s, "no connection to the guest: "_L1 + tried.words());
 
@@ -136,8 +138,7 @@ const Tool runInGuest("run_in_guest", "running ssh", [](const Call &call) -> Rep
     const QString mark = u"/tmp/.run-%1"_s.arg(++lastNumber);
     const QString command = u"limited %1 %2 %3"_s.arg(mark, interactive ? u"-l"_s : u"-c"_s,
                                                       quoted(arguments["command"_L1].toString()));
-    const Later<Outcome> running
-            = ssh(machine, user, interactive ? u"-tt "_s : QString(), command, commandMs + GraceMs);
+    const Later<Outcome> running = ssh(machine, user, command, commandMs + GraceMs, interactive);
     const Later<bool> commandUp = pause(commandMs);
     while (!running.isSet() && !commandUp.isSet() && !wholeUp.isSet() && call.wanted())
         co_await pause(LookMs);
