@@ -79,17 +79,18 @@ QString startEnv(unsigned long pid, const QByteArray &name)
                                              : QString();
 }
 
-QString ownAppImage()
+bool isInsideAppDir()
 {
     const QString appDir = canonical(qEnvironmentVariable("APPDIR"));
-    const QString appImage = canonical(qEnvironmentVariable("APPIMAGE"));
-    if (appDir.isEmpty() || appImage.isEmpty() || !QFileInfo(appImage).isFile())
-        return {};
     const QString ownDir = canonical(siblingPath(u"."_s));
     // With the separator, so that /tmp/mount1 does not contain /tmp/mount10.
-    if (!(ownDir + u'/').startsWith(appDir + u'/'))
-        return {};
-    return appImage;
+    return !appDir.isEmpty() && (ownDir + u'/').startsWith(appDir + u'/');
+}
+
+QString ownAppImage()
+{
+    const QString appImage = canonical(qEnvironmentVariable("APPIMAGE"));
+    return QFileInfo(appImage).isFile() && isInsideAppDir() ? appImage : QString();
 }
 
 QString processImagePath(unsigned long pid)

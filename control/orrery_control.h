@@ -19,7 +19,10 @@ namespace OrreryControl {
 [[nodiscard]] QString pipeName();
 
 // Connects the socket to the pipe, whoever holds it, within about limitMs milliseconds. False when
-// nothing listens there, and, only then with a wait, while the listener takes no connections.
+// nothing listens there, and, only then with a wait, while the listener takes no connections. The
+// socket's error() tells why: SocketAccessError if the pipe may not be connected to,
+// ConnectionRefusedError if nobody listens, ServerNotFoundError if it is not there, another one
+// while the listener takes no connections.
 bool reachPipe(QLocalSocket &socket, int limitMs);
 
 // The process that holds the server end of a connected client's pipe, as the kernel recorded it
@@ -56,8 +59,11 @@ bool reachPipe(QLocalSocket &socket, int limitMs);
 // Whether two paths are the same string. Nothing is resolved or normalised.
 [[nodiscard]] bool samePath(const QString &a, const QString &b);
 
+// Whether APPDIR, canonical, contains this program's own directory.
+[[nodiscard]] bool isInsideAppDir();
+
 // The canonical path of the AppImage file that this program runs from. Empty when it runs from
-// none; APPIMAGE and APPDIR are believed only if APPDIR contains this program's own directory.
+// none; APPIMAGE and APPDIR are believed only if isInsideAppDir().
 [[nodiscard]] QString ownAppImage();
 
 } // namespace OrreryControl

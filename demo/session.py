@@ -1,6 +1,6 @@
 """Plays a client's session through the server, and tells what happens.
 
-usage: session.py FOLDER, where FOLDER holds orrery-mcp, orrery and tmp/
+usage: session.py FOLDER, where FOLDER holds orrery-mcp and orrery
 """
 
 import base64
@@ -8,8 +8,11 @@ import json
 import os
 import pathlib
 import queue
+import shutil
+import signal
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 
@@ -19,10 +22,11 @@ PATIENCE_SECONDS = 60
 class Client:
     """The least that a client of the protocol is: lines out, lines in, answers found by their id."""
 
-    def __init__(self, folder):
-        environment = dict(os.environ, TMPDIR=str(folder / "tmp"))
+    def __init__(self, folder, temporary):
+        # In a process group of its own, so that Ctrl-C leaves it to end the application.
         self.server = subprocess.Popen(
-            [folder / "orrery-mcp"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=environment)
+            [folder / "orrery-mcp"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            env=dict(os.environ, TMPDIR=temporary), process_group=0)
         self.started = time.monotonic()
         self.last_id = 0
         self.lines = queue.Queue()
@@ -74,14 +78,36 @@ class Client:
             raise SystemExit(f"{tool} failed: {result['content'][-1]['text']}")
         return result["content"]
 
+    def stop(self):
+        """Ends what still runs: a call, the application, the server."""
+        if self.server.poll() is None:
+            self.send("notifications/cancelled", {"requestId": self.last_id}, notification=True)
+            self.start_call("quit_app", mode="force")
+            self.server.stdin.close()
+            self.server.wait(PATIENCE_SECONDS)
+
 
 def step(text):
     print(f"\n== {text}", flush=True)
 
 
 def main(folder):
-    client = Client(folder)
+    for ending in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(ending, lambda number, _: sys.exit(128 + number))
+    # An installation of its own, because FOLDER's application may be running for another client; the
+    # socket not below it, because its path may be too long for one.
+    with tempfile.TemporaryDirectory(prefix="session-", dir=folder) as own, \
+            tempfile.TemporaryDirectory(prefix="orrery-demo-", dir="/tmp") as temporary:
+        for program in ("orrery-mcp", "orrery"):
+            shutil.copy(folder / program, own)
+        client = Client(pathlib.Path(own), temporary)
+        try:
+            play(client, folder)
+        finally:
+            client.stop()
 
+
+def play(client, folder):
     step("The client introduces itself; both agree on a version of the protocol.")
     client.request("initialize", {"protocolVersion": "2025-06-18", "capabilities": {},
                                   "clientInfo": {"name": "demo", "version": "1"}})

@@ -5,41 +5,38 @@
 
 #include <QDateTime>
 #include <QDir>
-#include <QFile>
+#include <QFileInfo>
 
-#include <sys/stat.h>
+#include <filesystem>
+
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-QByteArray firstLine(const QString &path)
+// What a report says of a process.
+struct Process
 {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readLine() : QByteArray();
-}
+    QString text; // with its start, where that can be told
+    bool isStopped = false; // by a signal or a debugger
+};
 
-// When a process was started; invalid when that cannot be told.
-QDateTime startTime(unsigned long pid)
+Process lookAt(unsigned long pid)
 {
-    const QByteArray stat = firstLine(u"/proc/%1/stat"_s.arg(pid));
-    const double uptime = firstLine(u"/proc/uptime"_s).split(' ').value(0).toDouble();
-    // The name may hold blanks and brackets, so count from its end: field 22 of proc(5).
-    const QByteArray ticks = stat.mid(stat.lastIndexOf(')') + 2).split(' ').value(19);
-    const long ticksPerSecond = sysconf(_SC_CLK_TCK);
-    if (ticks.isEmpty() || uptime <= 0 || ticksPerSecond <= 0)
-        return {};
-    const double age = uptime - ticks.toDouble() / double(ticksPerSecond);
-    return QDateTime::currentDateTime().addMSecs(-qint64(age * 1000));
-}
-
-QString described(unsigned long pid)
-{
-    const QDateTime start = startTime(pid);
-    return start.isValid() ? u"process %1 since %2"_s.arg(QString::number(pid),
-                                                          start.toString(u"yyyy-MM-dd HH:mm:ss"_s))
-                           : u"process %1"_s.arg(pid);
+    const QByteArray stat = procText(u"/proc/%1/stat"_s.arg(pid));
+    // The name may hold blanks and brackets, so count from its end: fields 3 and 22 of proc(5).
+    const QByteArrayList fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+    const double ticks = fields.value(19).toDouble();
+    const double uptime = procText(u"/proc/uptime"_s).split(' ').value(0).toDouble();
+    const auto ticksPerSecond = double(sysconf(_SC_CLK_TCK));
+    Process process { u"process %1"_s.arg(pid), QByteArray("Tt").contains(fields.value(0, "?")) };
+    if (ticks > 0 && uptime > 0 && ticksPerSecond > 0) {
+        const auto age = qint64((uptime - ticks / ticksPerSecond) * 1000);
+        process.text += QDateTime::currentDateTime().addMSecs(-age).toString(
+                u" 'since' yyyy-MM-dd HH:mm:ss"_s);
+    }
+    return process;
 }
 
 // Whether a folder as the process sees it is ours: in a container, or a service with a /tmp of its
@@ -47,63 +44,68 @@ QString described(unsigned long pid)
 bool isSameFolder(unsigned long pid, const QString &theirs)
 {
     const QString base = QDir::isAbsolutePath(theirs) ? u"root"_s : u"cwd/"_s;
-    const QByteArray seen = (u"/proc/%1/"_s.arg(pid) + base + theirs).toLocal8Bit();
-    struct stat their
-    {
-    };
-    struct stat our
-    {
-    };
-    if (stat(QDir::tempPath().toLocal8Bit().constData(), &our) != 0)
-        return false;
-    if (stat(seen.constData(), &their) != 0)
-        return QDir::cleanPath(theirs) == QDir::tempPath();
-    return their.st_dev == our.st_dev && their.st_ino == our.st_ino;
+    const QString seen = u"/proc/%1/"_s.arg(pid) + base + theirs;
+    std::error_code unknown;
+    return std::filesystem::equivalent(seen.toStdString(), QDir::tempPath().toStdString(), unknown);
 }
 
 void checkProcessFolder(Report &report, unsigned long pid)
 {
-    const QString name = u"app-tmpdir"_s;
     const QString variable = OrreryControl::startEnv(pid, "TMPDIR");
     const QString folder = variable.isEmpty() ? u"/tmp"_s : variable;
-    if (isSameFolder(pid, folder)) {
-        report.ok(name, u"Process %1 was started with the same temporary folder, %2."_s.arg(
-                                QString::number(pid), folder));
-        return;
-    }
-    const bool samePath = QDir::cleanPath(folder) == QDir::tempPath();
-    report.fault(name,
-                 u"Process %1 was started with the temporary folder %2, here it is %3%4: the two "
-                 "cannot meet."_s.arg(QString::number(pid), folder, QDir::tempPath(),
-                                      samePath ? u" of another file system view"_s : u""_s),
-                 samePath ? u"One of the two runs in a sandbox or container: run both outside."_s
-                          : u"Set TMPDIR to %1 in the client's settings, or start Orrery again "
-                            "with that of the client."_s.arg(folder));
+    const QString finding = u"Process %1 was started with the temporary folder %2, here it is "
+                            "%3%4: the two cannot meet."_s;
+    const QString process = QString::number(pid);
+    report.judge(
+            u"app-tmpdir"_s,
+            { { isSameFolder(pid, folder), Outcome::Ok,
+                u"Process %1 was started with the same temporary folder, %2."_s.arg(process,
+                                                                                    folder) },
+              { QDir::cleanPath(folder) == QDir::tempPath(), Outcome::Fault,
+                finding.arg(process, folder, QDir::tempPath(), u" of another file system view"_s),
+                u"One of the two runs in a sandbox or container: run both outside."_s },
+              { true, Outcome::Fault, finding.arg(process, folder, QDir::tempPath(), QString()),
+                u"Set TMPDIR to %1 in the client's settings, or start Orrery again with that of "
+                "the client."_s.arg(folder) } });
 }
 
 } // namespace
 
 void checkApplication(Report &report)
 {
-    const QString name = u"process"_s;
+    if (!QFileInfo::exists(HostProcess::appExe()))
+        return; // reported by checkInstallation()
     const QList<unsigned long> pids = HostProcess::findApps();
-    if (pids.isEmpty()) {
-        report.ok(name,
-                  u"Orrery does not run; where it can be started, the server does so with the "
-                  "first call that needs it."_s);
-        return;
-    }
     QStringList texts;
-    for (const unsigned long pid : pids)
-        texts += described(pid);
-    if (pids.size() == 1)
-        report.ok(name, u"Orrery runs: %1."_s.arg(texts.first()));
-    else
-        report.warn(name,
-                    u"Orrery runs %1 times: %2."_s.arg(QString::number(pids.size()),
-                                                       texts.join(u"; "_s)),
-                    u"The server talks to the one that holds the socket, and quits process %1: end "
-                    "all but one."_s.arg(pids.first()));
+    unsigned long stopped = 0;
+    for (const unsigned long pid : pids) {
+        const Process process = lookAt(pid);
+        texts += process.text;
+        stopped = process.isStopped ? pid : stopped;
+    }
+    const QString found = texts.join(u"; "_s);
+    const unsigned long foreign = pids.isEmpty() ? HostProcess::findForeignApp() : 0;
+    report.judge(
+            u"process"_s,
+            { { foreign != 0, Outcome::Warning,
+                u"Orrery does not run as you, %1, but as %2: %3."_s.arg(
+                        userText(getuid()),
+                        userText(QFileInfo(u"/proc/%1"_s.arg(foreign)).ownerId()),
+                        lookAt(foreign).text),
+                u"If that one is yours, start it and the client as the same user, neither with "
+                "sudo: a client reaches only its own user's Orrery."_s },
+              { pids.isEmpty(), Outcome::Ok,
+                u"Orrery does not run; where it can be started, the server does so with the first "
+                "call that needs it."_s },
+              { stopped != 0, Outcome::Fault,
+                u"Orrery is stopped, %1: it answers nobody."_s.arg(found),
+                u"Continue it: kill -CONT %1, fg in its terminal, or in the debugger."_s.arg(
+                        stopped) },
+              { pids.size() > 1, Outcome::Warning,
+                u"Orrery runs %1 times: %2."_s.arg(QString::number(pids.size()), found),
+                u"The server talks to the one that holds the socket, and quits process %1: end all "
+                "but one."_s.arg(pids.value(0)) },
+              { true, Outcome::Ok, u"Orrery runs: %1."_s.arg(found) } });
     for (const unsigned long pid : pids)
         checkProcessFolder(report, pid);
 }

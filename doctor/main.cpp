@@ -22,7 +22,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int NothingChecked = 2;
+constexpr int NothingTold = 2;
 
 const QCommandLineOption
         bareOption(u"bare"_s,
@@ -55,23 +55,29 @@ void leaveVariablesBehind(char *argv[])
         execve("/proc/self/exe", argv, kept.data());
 }
 
-void print(FILE *stream, const QByteArray &text)
+void print(FILE *stream, const QString &text)
 {
-    std::fwrite(text.constData(), 1, size_t(text.size()), stream);
+    std::fputs(text.toUtf8().constData(), stream);
     std::fflush(stream);
 }
 
-QString introduction(bool bare)
+QString introduction(bool bare, bool launch)
 {
-    return u"orrery-mcp-doctor %1, with %2.\n"_s.arg(
-            HostProcess::exeVersion({}, u"ProductVersion"_s),
+    return u"orrery-mcp-doctor %1, as %2, with %3.\n%4"_s.arg(
+            HostProcess::exeVersion({}, u"ProductVersion"_s), userText(getuid()),
             bare ? u"six variables only, as under many clients"_s
-                 : u"this shell's variables; many clients pass fewer on (--bare)"_s);
+                 : u"this shell's variables; many clients pass fewer on (--bare)"_s,
+            launch ? u"Orrery may ask in its window whether to allow this client; it is given a "
+                     "minute.\n"_s
+                   : QString());
 }
 
-int check(bool bare, bool launch, bool json)
+// True if there is a fault.
+bool check(bool bare, bool launch, bool json)
 {
-    Report report;
+    Report report(!json);
+    if (!json)
+        print(stdout, introduction(bare, launch));
     checkInstallation(report);
     checkEnvironment(report);
     checkApplication(report);
@@ -82,14 +88,17 @@ int check(bool bare, bool launch, bool json)
             { u"program"_s, u"orrery-mcp-doctor"_s },
             { u"version"_s, HostProcess::exeVersion({}, u"ProductVersion"_s) },
             { u"time"_s, QDateTime::currentDateTimeUtc().toString(Qt::ISODate) },
+            { u"user"_s, userText(getuid()) },
             { u"bare"_s, bare },
             { u"launch"_s, launch },
         };
-        print(stdout, QJsonDocument(report.json(members)).toJson());
+        print(stdout, QString::fromUtf8(QJsonDocument(report.json(members)).toJson()));
     } else {
-        print(stdout, (introduction(bare) + report.text()).toUtf8());
+        const QString notTried = u" Not tried: whether Orrery starts, lets a client in and "
+                                 "answers; --launch does that."_s;
+        print(stdout, report.summary() + (launch ? QString() : notTried) + u'\n');
     }
-    return report.hasFault() ? 1 : 0;
+    return report.hasFault();
 }
 
 } // namespace
@@ -107,15 +116,26 @@ int main(int argc, char *argv[])
     QCommandLineParser parser;
     parser.setApplicationDescription(u"Says why an AI client does not reach Orrery."_s);
     parser.addOptions({ bareOption, launchOption, jsonOption, helpOption });
-    const bool understood
-            = parser.parse(QCoreApplication::arguments()) && parser.positionalArguments().isEmpty();
-    if (!understood || parser.isSet(helpOption)) {
-        const QString error = understood ? QString() : parser.errorText() + u'\n';
-        print(understood ? stdout : stderr, (error + parser.helpText()).toUtf8());
-        return NothingChecked;
+    const bool understood = parser.parse(QCoreApplication::arguments());
+    const QStringList operands = parser.positionalArguments();
+    if (!understood || !operands.isEmpty()) {
+        const QString error = understood ? u"Unexpected argument: "_s + operands.first() + u'.'
+                                         : parser.errorText();
+        print(stderr, error + u'\n' + parser.helpText());
+        return NothingTold;
     }
-    const bool bare = parser.isSet(bareOption);
-    if (bare)
-        leaveVariablesBehind(argv);
-    return check(bare, parser.isSet(launchOption), parser.isSet(jsonOption));
+    bool hasFault = false;
+    if (parser.isSet(helpOption)) {
+        print(stdout, parser.helpText());
+    } else {
+        const bool bare = parser.isSet(bareOption);
+        if (bare)
+            leaveVariablesBehind(argv);
+        hasFault = check(bare, parser.isSet(launchOption), parser.isSet(jsonOption));
+    }
+    if (std::ferror(stdout)) {
+        print(stderr, u"orrery-mcp-doctor: standard output cannot be written\n"_s);
+        return NothingTold;
+    }
+    return hasFault ? 1 : 0;
 }

@@ -3,6 +3,7 @@
 #include <QJsonArray>
 
 #include <algorithm>
+#include <cstdio>
 
 using namespace Qt::StringLiterals;
 
@@ -12,15 +13,9 @@ constexpr qsizetype MaxTextLength = 1'000; // a variable may hold megabytes
 
 QString outcomeName(Outcome outcome)
 {
-    switch (outcome) {
-    case Outcome::Ok:
-        return u"ok"_s;
-    case Outcome::Warning:
-        return u"warning"_s;
-    case Outcome::Fault:
-        break;
-    }
-    return u"fault"_s;
+    return outcome == Outcome::Ok        ? u"ok"_s
+           : outcome == Outcome::Warning ? u"warning"_s
+                                         : u"fault"_s;
 }
 
 // Paths and other programs' words may hold anything, escape sequences included.
@@ -33,6 +28,19 @@ QString printable(const QString &text)
     return text.size() > MaxTextLength ? result + u"..."_s : result;
 }
 
+void print(const QString &name, const Case &check)
+{
+    QString text = outcomeName(check.outcome).leftJustified(8) + name.leftJustified(12)
+                   + printable(check.finding);
+    if (!check.advice.isEmpty())
+        text += u" -> "_s + printable(check.advice);
+    text += u'\n';
+    for (const QString &line : check.quoted)
+        text += u"          | "_s + printable(line) + u'\n';
+    std::fputs(text.toUtf8().constData(), stdout);
+    std::fflush(stdout);
+}
+
 QString counted(qsizetype count, const QString &what)
 {
     return QString::number(count) + u' ' + what + (count == 1 ? u""_s : u"s"_s);
@@ -40,51 +48,35 @@ QString counted(qsizetype count, const QString &what)
 
 } // namespace
 
-void Report::ok(const QString &name, const QString &finding)
+bool Report::judge(const QString &name, std::initializer_list<Case> cases)
 {
-    checks += Check { name, Outcome::Ok, finding, {}, {} };
+    const auto *first = std::find_if(cases.begin(), cases.end(),
+                                     [](const Case &candidate) { return candidate.holds; });
+    if (first == cases.end())
+        return false;
+    checks.emplace_back(name, *first);
+    if (aloud)
+        print(name, *first);
+    return true;
 }
-
-void Report::warn(const QString &name, const QString &finding, const QString &advice)
-{
-    checks += Check { name, Outcome::Warning, finding, advice, {} };
-}
-
-void Report::fault(const QString &name, const QString &finding, const QString &advice,
-                   const QStringList &quoted)
-{
-    checks += Check { name, Outcome::Fault, finding, advice, quoted };
-}
-
-bool Report::hasFault() const { return count(Outcome::Fault) != 0; }
 
 qsizetype Report::count(Outcome outcome) const
 {
     return std::count_if(checks.begin(), checks.end(),
-                         [=](const Check &check) { return check.outcome == outcome; });
+                         [=](const auto &check) { return check.second.outcome == outcome; });
 }
 
-QString Report::text() const
+QString Report::summary() const
 {
-    QString text;
-    for (const Check &check : checks) {
-        text += outcomeName(check.outcome).leftJustified(8) + check.name.leftJustified(12)
-                + printable(check.finding);
-        if (!check.advice.isEmpty())
-            text += u" -> "_s + printable(check.advice);
-        text += u'\n';
-        for (const QString &line : check.quoted)
-            text += u"          | "_s + printable(line) + u'\n';
-    }
-    return text + counted(count(Outcome::Fault), u"fault"_s) + u", "_s
-           + counted(count(Outcome::Warning), u"warning"_s) + u".\n"_s;
+    return counted(count(Outcome::Fault), u"fault"_s) + u", "_s
+           + counted(count(Outcome::Warning), u"warning"_s) + u'.';
 }
 
 QJsonObject Report::json(QJsonObject members) const
 {
     QJsonArray array;
-    for (const Check &check : checks) {
-        QJsonObject object { { u"name"_s, check.name },
+    for (const auto &[name, check] : checks) {
+        QJsonObject object { { u"name"_s, name },
                              { u"outcome"_s, outcomeName(check.outcome) },
                              { u"finding"_s, check.finding } };
         if (!check.advice.isEmpty())

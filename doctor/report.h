@@ -1,4 +1,5 @@
-// What the doctor found, check by check: as text for a reader, or as JSON to attach to a report.
+// What the doctor found, check by check: as text for a reader, each line as soon as it is known, or
+// as JSON to attach to a report.
 
 #pragma once
 
@@ -9,28 +10,30 @@
 // A warning may keep a client from working; a fault does.
 enum class Outcome { Ok, Warning, Fault };
 
-struct Check
+// Something that may be so, what it would mean, and what to do about it (nothing for Ok).
+struct Case
 {
-    QString name; // a word, unique to the subject
-    Outcome outcome = Outcome::Ok;
+    bool holds;
+    Outcome outcome;
     QString finding; // a sentence or two
-    QString advice; // what to do about it; empty for Ok
-    QStringList quoted; // lines of another program's output
+    QString advice = {};
+    QStringList quoted = {}; // lines of another program's output
 };
 
 class Report
 {
 public:
-    void ok(const QString &name, const QString &finding);
-    void warn(const QString &name, const QString &finding, const QString &advice);
-    void fault(const QString &name, const QString &finding, const QString &advice,
-               const QStringList &quoted = {});
+    // Aloud, it prints each check to standard output when it is added, quoted lines indented
+    // below it. What came from the environment cannot control a terminal or flood it.
+    explicit Report(bool isAloud) : aloud(isAloud) { }
 
-    [[nodiscard]] bool hasFault() const;
+    // Adds the first case that holds as the check of this name, a word; false when none does.
+    bool judge(const QString &name, std::initializer_list<Case> cases);
 
-    // A line a check, quoted lines indented below it, and a last line that counts. What came from
-    // the environment cannot control a terminal or flood it.
-    [[nodiscard]] QString text() const;
+    [[nodiscard]] bool hasFault() const { return count(Outcome::Fault) != 0; }
+
+    // How many faults and warnings there are, as a sentence.
+    [[nodiscard]] QString summary() const;
 
     // The given members with "checks", "warnings" and "faults" added.
     [[nodiscard]] QJsonObject json(QJsonObject members) const;
@@ -38,5 +41,6 @@ public:
 private:
     [[nodiscard]] qsizetype count(Outcome outcome) const;
 
-    QList<Check> checks;
+    bool aloud;
+    QList<std::pair<QString, Case>> checks;
 };

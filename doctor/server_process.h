@@ -10,22 +10,36 @@
 class ServerProcess
 {
 public:
-    ServerProcess();
+    // What came of a request: a result, or why there is none.
+    struct Answer
+    {
+        QJsonObject result;
+        QString error;
+        qint64 tookMs = 0;
+    };
+
+    // Starts the file, so that it says on standard error what it meets. Whether that went well is
+    // for the first request to tell.
+    explicit ServerProcess(const QString &program);
     ~ServerProcess();
     ServerProcess(const ServerProcess &) = delete;
     ServerProcess &operator=(const ServerProcess &) = delete;
 
-    // Starts the file. On false, *error says why.
-    [[nodiscard]] bool start(const QString &program, QString *error);
+    // Sends a request and waits limitMs for its result. There is none when no answer or an error
+    // came, the server ended, or giveUp, asked now and then, returned true.
+    [[nodiscard]] Answer ask(const QString &method, const QJsonObject &params, int limitMs,
+                             const std::function<bool()> &giveUp = {});
 
-    // Sends a request and waits limitMs for its result. On false, *error says why: no answer, an
-    // error answer, the server's end, or that giveUp, asked now and then, returned true.
-    [[nodiscard]] bool ask(const QString &method, const QJsonObject &params, int limitMs,
-                           QJsonObject *result, QString *error,
-                           const std::function<bool()> &giveUp = {});
+    // The same for a tool without arguments. The result is the object in the tool's own, whose
+    // error text is a reason too.
+    [[nodiscard]] Answer call(const QString &tool, int limitMs,
+                              const std::function<bool()> &giveUp = {});
 
     // Ends the server, by force if it is in a call. What it launched stays.
     void stop();
+
+    // The last lines of its standard error that were not taken yet.
+    [[nodiscard]] QStringList takeLastWords();
 
     [[nodiscard]] qint64 processId() const { return process.processId(); }
 

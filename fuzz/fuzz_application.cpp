@@ -1,7 +1,12 @@
 // What an application may send while a call waits: any bytes, in two pieces. Whatever is no answer
 // is an event, and the client gets one whole answer at most.
 
-#include "server_under_test.h"
+#include "captured_output.h"
+#include "exchange.h"
+#include "tools.h"
+
+#include <cstdlib>
+#include <cstring>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -10,26 +15,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QByteArrayView input(data + 1, static_cast<qsizetype>(size) - 1);
     const qsizetype cut = input.size() * data[0] / 256;
     LineBuffer buffer;
-    std::optional<QJsonObject> response;
-    QString error;
+    PipeLines lines(buffer, 1);
     for (const QByteArrayView piece : { input.first(cut), input.sliced(cut) }) {
-        std::memcpy(buffer.space(piece.size()), piece.data(), static_cast<size_t>(piece.size()));
+        std::memcpy(buffer.space(piece.size()).data(), piece.data(),
+                    static_cast<size_t>(piece.size()));
         buffer.added(piece.size());
-        if (!takeResponse(buffer, 1, &response, &error))
+        if (!lines.answer)
+            lines.take(false);
+        if (!lines.refusal.isEmpty())
             std::abort(); // nothing here is too long
     }
-    if (response)
-        replyResponse(7, *response);
+    if (lines.answer)
+        replyAnswer(7, *lines.answer);
 
     qsizetype answers = 0;
-    const QByteArrayList lines = writtenLines();
-    for (const QByteArray &line : lines) {
+    const QByteArrayList written = writtenLines();
+    for (const QByteArray &line : written) {
         const bool isAnswer = line.startsWith(R"({"id":7,"jsonrpc":"2.0","result":{"content":[)");
         if (isAnswer == line.startsWith(R"({"jsonrpc":"2.0","method":"notifications/message",)"))
             std::abort();
         answers += isAnswer;
     }
-    if (answers != (response ? 1 : 0))
+    if (answers != (lines.answer ? 1 : 0))
         std::abort();
     return 0;
 }

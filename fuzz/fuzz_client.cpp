@@ -1,6 +1,15 @@
 // What a client may send: any bytes, in two pieces. Every request is answered, once.
 
-#include "server_under_test.h"
+#include "captured_output.h"
+#include "dispatcher.h"
+#include "input.h"
+
+#include <QJsonDocument>
+
+#include <cstdlib>
+#include <cstring>
+
+using namespace Qt::StringLiterals;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -13,11 +22,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     RequestQueue queue;
     LineBuffer buffer;
     for (const QByteArrayView piece : { input.first(cut), input.sliced(cut) }) {
-        std::memcpy(buffer.space(piece.size()), piece.data(), static_cast<size_t>(piece.size()));
+        std::memcpy(buffer.space(piece.size()).data(), piece.data(),
+                    static_cast<size_t>(piece.size()));
         buffer.added(piece.size());
         receiveLines(buffer, queue);
     }
-    receiveAndRelease(buffer.rest(), buffer, queue);
+    receiveRest(buffer, queue);
     queue.endInput();
     while (const std::optional<Request> request = queue.take())
         handle(request->message);

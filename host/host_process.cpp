@@ -3,10 +3,12 @@
 #include "orrery_control.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 
 #include <climits>
 #include <csignal>
+#include <filesystem>
 #include <limits>
 
 #include <poll.h>
@@ -18,9 +20,24 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+enum class Owner { User, Others };
+
+QString appName() { return OrreryControl::exeName(u"orrery"_s); }
+
+// Whether the kernel does not tell us which file a process executes, and calls it as ours; one that
+// has just ended executes none.
+bool isHiddenNamesake(const QString &pid)
+{
+    std::error_code error;
+    (void)std::filesystem::read_symlink(("/proc/"_L1 + pid + "/exe"_L1).toStdString(), error);
+    QFile name("/proc/"_L1 + pid + "/comm"_L1);
+    return error == std::errc::permission_denied && name.open(QIODevice::ReadOnly)
+           && name.readLine().trimmed() == appName().toLocal8Bit();
+}
+
 // The first processes of the application in listing order, at most limit of them: looking at a
 // process can mean comparing files.
-QList<unsigned long> search(qsizetype limit)
+QList<unsigned long> search(qsizetype limit, Owner owner)
 {
     const QString app = HostProcess::appExe();
     const QString appPath = app.isEmpty() ? QString() : QFileInfo(app).canonicalFilePath();
@@ -39,9 +56,10 @@ QList<unsigned long> search(qsizetype limit)
         {
         };
         if (stat(("/proc/"_L1 + entry).toLocal8Bit().constData(), &status) != 0
-            || status.st_uid != getuid())
+            || (status.st_uid == getuid()) != (owner == Owner::User))
             continue;
-        if (OrreryControl::processImagePath(pid) == appPath)
+        if (OrreryControl::processImagePath(pid) == appPath
+            || (owner == Owner::Others && isHiddenNamesake(entry)))
             found += pid;
         if (found.size() == limit)
             break;
@@ -53,11 +71,18 @@ QList<unsigned long> search(qsizetype limit)
 
 namespace HostProcess {
 
-QString appExe() { return OrreryControl::siblingPath(OrreryControl::exeName(u"orrery"_s)); }
+QString appExe() { return OrreryControl::siblingPath(appName()); }
 
-unsigned long findApp() { return search(1).value(0); }
+bool isApp(unsigned long pid) { return OrreryControl::isSiblingProcess(pid, appName()); }
 
-QList<unsigned long> findApps() { return search(std::numeric_limits<qsizetype>::max()); }
+unsigned long findApp() { return search(1, Owner::User).value(0); }
+
+QList<unsigned long> findApps()
+{
+    return search(std::numeric_limits<qsizetype>::max(), Owner::User);
+}
+
+unsigned long findForeignApp() { return search(1, Owner::Others).value(0); }
 
 QString exeVersion([[maybe_unused]] const QString &path, const QString &key)
 {

@@ -19,6 +19,13 @@ namespace HostProcess {
 // All of them, in that order.
 [[nodiscard]] QList<unsigned long> findApps();
 
+// A process of another user that executes that file or, where the kernel does not tell which file
+// it executes, bears its name; 0 when there is none. For reports only: anybody may bear a name.
+[[nodiscard]] unsigned long findForeignApp();
+
+// Whether a process, of whatever user, executes that file. False when that cannot be told.
+[[nodiscard]] bool isApp(unsigned long pid);
+
 // The version of the executable at path: the product version ("0.1.147") for the key
 // "ProductVersion", the build number ("147") for every other key. Both are fixed when the program
 // is built, together with the application; the file is not examined.

@@ -15,6 +15,7 @@ namespace {
 constexpr qsizetype ContainerCost = 192; // an object or an array, with its first value or key
 constexpr qsizetype ElementCost = 32; // a value or a key; an empty container is no more than that
 constexpr qsizetype StringCost = 16; // besides its bytes
+constexpr qsizetype LongString = 262'144;
 constexpr qsizetype MaxCostPerByte = 96; // of nested arrays, which cost most
 
 constexpr QByteArrayView ByteOrderMark = "\"\xef\xbb\xbf";
@@ -80,7 +81,7 @@ bool skipString(QByteArrayView line, qsizetype *at)
 qsizetype stringCost(qsizetype length, bool hasEscapes)
 {
     const qsizetype kept = StringCost + (hasEscapes ? 2 * length : length);
-    if (length < Limits::LargeBytes)
+    if (length < LongString)
         return 2 * kept;
     const auto buffer = static_cast<qsizetype>(std::bit_ceil(static_cast<quint64>(kept)));
     return hasEscapes ? 2 * buffer : buffer;

@@ -5,33 +5,42 @@
 #include <QByteArray>
 
 #include <optional>
+#include <span>
 
 class LineBuffer
 {
 public:
-    // A place for at least so many bytes behind what is there; added() says how many came. Lines
-    // taken before are gone.
-    char *space(qsizetype wanted);
+    // All the place there is behind what was read, wanted bytes at least; added() says how many
+    // came. Lines taken before are gone.
+    std::span<char> space(qsizetype wanted);
     void added(qsizetype count) { end += count; }
 
     // The next whole line without its line feed; nothing while there is none. It stands until
     // space(), releaseTaken() or clear().
     std::optional<QByteArrayView> takeLine();
 
-    // What came behind the last line feed.
+    // What came behind the last line that was taken.
     [[nodiscard]] QByteArrayView rest() const
     {
         return QByteArrayView(bytes).sliced(begin, end - begin);
     }
 
-    // Gives back the memory of a large line that was taken, and keeps what is behind it.
-    void releaseTaken();
+    // Gives back the memory of large lines that were taken, and keeps what is behind them.
+    void releaseTaken()
+    {
+        // Only where most of it is to go: what is moved is then less than what goes.
+        if (bytes.size() > KeptBytes && begin > 0 && end - begin <= bytes.size() / 2)
+            shrink();
+    }
 
     // Forgets everything, and gives the memory back.
     void clear();
 
 private:
-    void move(qsizetype capacity);
+    static constexpr qsizetype KeptBytes = 2 << 20; // a buffer of this size stays
+
+    void moveToFront();
+    void shrink();
 
     QByteArray bytes; // all of it is a place to write to; begin to end is what was read
     qsizetype begin = 0;

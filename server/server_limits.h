@@ -41,13 +41,9 @@ constexpr int KillExitMs = 5 * SecondMs;
 
 constexpr std::chrono::milliseconds Quiet { 500 };
 
-constexpr qsizetype InputChunkBytes = 65'536;
+constexpr qsizetype ChunkBytes = 65'536; // for which there is room whenever something is read
 constexpr qsizetype MaxPipeLineBytes = 268'435'456;
-constexpr qsizetype PipeChunkBytes = 1'048'576; // read ahead at most
-constexpr qsizetype EventBatchBytes = 2'097'152; // of events that go out in one write
-
-constexpr size_t LongQueue = 4'096; // requests
-constexpr qsizetype LargeBytes = 262'144; // what is worth giving its memory back
+constexpr qsizetype EventBatchBytes = 65'536; // of events that go out in one write
 constexpr qsizetype MaxParsedBytes = 1'342'177'280; // what a line may cost once it is parsed
 constexpr qsizetype MaxMessageBytes = 536'870'912; // one message to the client or the application
 

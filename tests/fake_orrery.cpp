@@ -12,9 +12,10 @@
 //   {"leak": S}                    another program inherits the connection, for S seconds
 //
 // Every line that it gets is appended to the file "received" beside it, a byte to "starts" at each
-// start. FAKE_DEAF=1 keeps it from accepting anybody, FAKE_SLOW=MS makes it pause before it reads.
-// It prints "listening" once it serves, gives way to a living holder of the pipe, and ends by
-// itself after two minutes.
+// start. FAKE_DEAF=1 keeps it from accepting anybody, FAKE_SLOW=MS makes it pause before it reads,
+// FAKE_LARGE=BYTES makes it take that much memory, so that it does not end at once when it is
+// killed. It prints "listening" once it serves, gives way to a living holder of the pipe, and ends
+// by itself after two minutes.
 
 #include <QCoreApplication>
 #include <QDir>
@@ -29,6 +30,7 @@
 
 #include <poll.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -46,14 +48,16 @@ struct Client
     QByteArray buffer;
 };
 
-void sendAll(int fd, QByteArrayView bytes)
+// False when nobody is there to take it.
+bool sendAll(int fd, QByteArrayView bytes)
 {
     while (!bytes.isEmpty()) {
         const ssize_t sent = send(fd, bytes.data(), size_t(bytes.size()), MSG_NOSIGNAL);
         if (sent < 0)
-            return;
+            return false;
         bytes = bytes.sliced(sent);
     }
+    return true;
 }
 
 QString beside(const QString &name)
@@ -100,8 +104,11 @@ bool serve(int fd, const QByteArray &line)
     }
     for (const QJsonValue &step : steps) {
         const QByteArray text = step["send"_L1].toString().toUtf8().replace("$id", id);
-        for (int n = 0; n < step["times"_L1].toInt(1); ++n)
-            sendAll(fd, QByteArray(text).replace("$n", QByteArray::number(n)));
+        const int times = step["times"_L1].toInt(1);
+        for (int n = 0; n < times; ++n) {
+            if (!sendAll(fd, QByteArray(text).replace("$n", QByteArray::number(n))))
+                break;
+        }
         sendAll(fd, QByteArray(step["fill"_L1].toInt(), 'x'));
         if (QFile file(beside(step["file"_L1].toString())); file.open(QIODevice::ReadOnly))
             sendAll(fd, file.readAll());
@@ -158,6 +165,8 @@ int listenOnPipe()
 int main(int argc, char *argv[])
 {
     alarm(LifetimeSeconds);
+    prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0); // large pages would be freed at once
+    const QByteArray memory(qEnvironmentVariableIntValue("FAKE_LARGE"), 'x');
     QCoreApplication app(argc, argv);
     if (QFile starts(beside(u"starts"_s)); starts.open(QIODevice::Append))
         starts.write("x");

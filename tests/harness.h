@@ -68,6 +68,13 @@ inline bool isError(const QJsonObject &response)
     return response["result"_L1]["isError"_L1].toBool();
 }
 
+// How an event of the application reaches the client.
+inline QByteArray eventLine(const QByteArray &data)
+{
+    return R"({"jsonrpc":"2.0","method":"notifications/message","params":{"data":)" + data
+           + R"(,"level":"info","logger":"orrery"}})";
+}
+
 // Steps of the scripted application, see there: it sends a text, and what follows it; the answer 1.
 inline QByteArray sendStep(const QByteArray &text, const QByteArray &then = {})
 {
@@ -189,8 +196,8 @@ class HastyInstallation : public Installation
 public:
     HastyInstallation() : Installation(QStringLiteral(HASTY_SERVER_PATH)) { }
 
-    static constexpr qint64 SecondMs = 200;
-    static constexpr qint64 MinuteMs = 300;
+    static constexpr qint64 SecondMs = HASTY_SECOND_MS;
+    static constexpr qint64 MinuteMs = HASTY_MINUTE_MS;
 };
 
 // A child process that is ended with its object.
@@ -222,12 +229,16 @@ public:
         return text;
     }
 
+    // A file of proc(5).
+    QByteArray proc(const QString &name) const
+    {
+        QFile file(u"/proc/%1/%2"_s.arg(process.processId()).arg(name));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
     qint64 residentBytes() const
     {
-        QFile statm(u"/proc/%1/statm"_s.arg(process.processId()));
-        return statm.open(QIODevice::ReadOnly)
-                       ? statm.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE)
-                       : 0;
+        return proc(u"statm"_s).split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE);
     }
 
     QProcess process;

@@ -1,14 +1,12 @@
-// The texts that JsonText must write, as QJsonDocument and QString make them.
+// The texts that JsonWriter must write, as QJsonDocument and QString make them.
 
 #pragma once
 
-#include "json_text.h"
+#include "json_writer.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-
-constexpr qsizetype Much = 4 << 20; // so that strings may be large
 
 struct JsonTexts
 {
@@ -29,13 +27,15 @@ inline JsonTexts referenceTexts(const QJsonDocument &document)
     return { document.toJson(QJsonDocument::Compact), compactJson(indented) };
 }
 
-// expected: how much the writer is told to expect.
-inline JsonTexts writtenTexts(const QJsonDocument &document, qsizetype expected)
+// What the writer makes of them; keepsKeys: see there.
+inline JsonTexts writtenTexts(const QJsonDocument &document, bool keepsKeys)
 {
     const QJsonValue value = document.isArray() ? QJsonValue(document.array()) : document.object();
-    JsonText compact(expected);
+    JsonWriter compact;
+    JsonWriter reader;
+    compact.keepKeys(keepsKeys);
+    reader.keepKeys(keepsKeys);
     compact.value(value);
-    JsonText reader(expected);
     reader.readerText(value);
     return { compact.bytes().toByteArray(), reader.bytes().toByteArray() };
 }

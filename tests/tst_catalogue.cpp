@@ -13,7 +13,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qsizetype MaxServedBytes = 42'000;
+constexpr qsizetype MaxServedBytes = 33'900;
 constexpr qsizetype MaxToolText = 1'000;
 constexpr qsizetype MaxFirstSentence = 120;
 constexpr qsizetype MaxPropertyText = 300;

@@ -12,6 +12,9 @@
 using namespace Qt::StringLiterals;
 using namespace OrreryControl;
 
+// Asked before there is a QCoreApplication: this program's own place is not known yet.
+static const QString EarlySibling = siblingPath(u"orrery"_s);
+
 class tst_control : public QObject
 {
     Q_OBJECT
@@ -68,13 +71,7 @@ private Q_SLOTS:
         QVERIFY(!isSiblingProcess(self, own.toUpper()));
         QVERIFY(!isSiblingProcess(self, u"no such file"_s));
         QVERIFY(!isSiblingProcess(0, u"no such file"_s));
-    }
-
-    void comparesPathsAsTheyStand()
-    {
-        QVERIFY(samePath(u"/a/b"_s, u"/a/b"_s));
-        QVERIFY(!samePath(u"/a/b"_s, u"/a/B"_s));
-        QVERIFY(!samePath(u"/a/b"_s, u"/a//b"_s));
+        QCOMPARE(EarlySibling, QString());
     }
 
     void believesAnAppImageOnlyAroundItself_data()

@@ -14,13 +14,6 @@ class tst_host : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void tellsTheVersion()
-    {
-        QCOMPARE(exeVersion(u"/no/such"_s, u"ProductVersion"_s), QStringLiteral(PRODUCT_VERSION));
-        QCOMPARE(exeVersion(QString(), u"FileVersion"_s), QStringLiteral(BUILD_NUMBER));
-        QCOMPARE(exeVersion(QString(), u"productversion"_s), QStringLiteral(BUILD_NUMBER));
-    }
-
     void anEmptyHandleIsQuiet_data()
     {
         QTest::addColumn<unsigned long>("pid");

@@ -113,6 +113,8 @@ private Q_SLOTS:
         row("the same image", true, "");
         row("deleted since", true, "", "rm orrery");
         row("large", true, "truncate -s 32M orrery \"$OURS/orrery\"");
+        row("too large to be compared", false, "truncate -s 257M orrery \"$OURS/orrery\"");
+        row("by a link to the image", true, "ln -s \"$OURS/image\" link; image=$PWD/link");
         row("other contents of the same size", false, "truncate -s -1 orrery; printf '#' >>orrery");
         row("other size", false, "printf '#' >>orrery");
         row("another image", false, "image=$OURS/image2");
@@ -138,7 +140,7 @@ private Q_SLOTS:
         home.environment.insert(u"OURS"_s, home.folder());
         const bool inside
                 = QByteArrayView(QTest::currentDataTag()) != "the server is not in its mount";
-        home.environment.insert(u"APPDIR"_s, inside ? home.folder() : u"/usr"_s);
+        home.environment.insert(u"APPDIR"_s, inside ? home.path(u"."_s) : u"/usr"_s);
         home.environment.insert(u"APPIMAGE"_s, home.path(u"image"_s));
         const QByteArray script = "mount=$PWD image=$OURS/image\n" + prepare
                                   + "\nexec env -i $before APPDIR=\"$mount\" APPIMAGE=\"$image\" "

@@ -3,10 +3,9 @@
 #include "json_input.h"
 #include "json_reference.h"
 #include "line_buffer.h"
-#include "plain_string.h"
+#include "picture_input.h"
 #include "server_limits.h"
 
-#include <QCborValue>
 #include <QTest>
 
 using namespace Qt::StringLiterals;
@@ -19,7 +18,9 @@ private Q_SLOTS:
     void writesWhatQtWrites_data();
     void writesWhatQtWrites();
     void writesKeysThatItKnows();
-    void borrowsWhatIsPlain();
+    void takesPicturesApart_data();
+    void takesPicturesApart();
+    void borrowsStrings();
     void keepsByteOrderMarks();
     void tellsWhatALineCosts_data();
     void tellsWhatALineCosts();
@@ -48,7 +49,9 @@ void tst_wire::writesWhatQtWrites_data()
         0.000001,1e-7,123456789.125])");
     row("empty ones", R"({"":{},"a":[],"b":"","c":[{},[[]]]})");
     row("keys", R"({"\"":1,"\n":2,"é":3,"\ud800":4,"b":{"a\\":null},"zz":true,"z":false})");
-    row("rows", R"([{"a":1,"b":{"a":2}},{"a":3,"c":{"a":4}},{"é":5,"c":{"b":6}},{"é":7,"é\n":8}])");
+    row("rows",
+        R"([{"a":1,"b":{"a":2}},{"a":3,"c":{"a":4}},{"é":5,"c":{"b":6}},{"é":7,"éa":8},{"":9}])");
+    row("halves of pairs", R"([{"\ud800a":9},{"a":10},{"a\udc00":11},{"a":12}])");
     row("1,000 levels", QByteArray(1000, '[') + '1' + QByteArray(1000, ']'));
     row("escaped throughout", "[\"" + QByteArray("\\u0001").repeated(5000) + "\"]");
     row("long strings", "[\"" + QByteArray("0123456789\\n\U0001f600").repeated(4000) + "\",\""
@@ -62,12 +65,12 @@ void tst_wire::writesWhatQtWrites()
     QFETCH(QByteArray, json);
     const QJsonDocument document = QJsonDocument::fromJson(json);
     QVERIFY(!document.isNull());
-    for (const qsizetype expected : { qsizetype(0), Much }) {
-        QCOMPARE(writtenTexts(document, expected).compact, referenceTexts(document).compact);
-        QCOMPARE(writtenTexts(document, expected).reader, referenceTexts(document).reader);
+    for (const bool keepsKeys : { false, !json.contains('\\') }) {
+        QCOMPARE(writtenTexts(document, keepsKeys).compact, referenceTexts(document).compact);
+        QCOMPARE(writtenTexts(document, keepsKeys).reader, referenceTexts(document).reader);
         const QJsonArray values = document.array();
         for (const QJsonValue &value : values) {
-            JsonText single(expected);
+            JsonWriter single;
             single.value(value);
             QCOMPARE(single.bytes().toByteArray(), compactJson(value));
         }
@@ -80,7 +83,8 @@ void tst_wire::writesKeysThatItKnows()
     for (int i = 0; i < 100; ++i)
         object.insert(u"%1\n"_s.arg(i), i);
     const JsonTexts reference = referenceTexts(QJsonDocument(object));
-    JsonText text(Much);
+    JsonWriter text;
+    text.keepKeys(true);
     text.value(object);
     text.readerText(object);
     text.readerText(object);
@@ -90,35 +94,74 @@ void tst_wire::writesKeysThatItKnows()
                                                  .join(','));
 }
 
-void tst_wire::borrowsWhatIsPlain()
+void tst_wire::takesPicturesApart_data()
 {
-    for (int c = 0; c < 0x100; ++c) {
-        for (const int size : { 1, 15, 16, 40 }) {
-            QByteArray text(size, 'x');
-            text[c % size] = char(c);
-            const bool standsForItself
-                    = compactJson(QString::fromLatin1(text)) == '"' + text + '"' && c != '?';
-            QCOMPARE(isPlain(text), standsForItself);
-        }
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<QByteArray>("picture");
+    QTest::addColumn<QByteArray>("after");
+    QTest::addColumn<bool>("apart");
+    const QByteArray picture = QByteArray("iVBORw0KGgo+/?=").repeated(5'000);
+    const QByteArray start = R"({"id":1,"result":{"format":"png","imageBase64":")";
+    const QByteArray end = R"(","width":7}})";
+    const auto row = [](const char *name, const QByteArray &before, const QByteArray &text,
+                        const QByteArray &after,
+                        bool apart) { QTest::newRow(name) << before << text << after << apart; };
+    row("a picture", start, picture, end, true);
+    row("with another key like it", start, picture, R"(","imageBase64s":"x"}})", true);
+    row("a short one", start, picture.first(100), end, false);
+    row("in front of much else", start, picture, R"(","x":")" + picture + picture + "\"}}", false);
+    for (const char *character : { "\\n", "\\u0041", "é", "\x7f", "\\\"" }) {
+        const bool isPlain = *character == '\x7f';
+        for (const int place : { 0, 20'000, 75'000 - 1, 75'000 })
+            row(qPrintable(u"%1 at %2"_s.arg(QString::fromUtf8(character)).arg(place)), start,
+                QByteArray(picture).insert(place, character), end, isPlain);
     }
-    for (const qsizetype size : { 1, 23, 24, 255, 256, 65'535, 65'536 }) {
-        const QByteArray picture(size, 'p');
-        JsonText text;
-        text.beginArray();
-        text.boolean(true);
-        QByteArray written;
-        QVERIFY(visitBytes(QCborValue(QLatin1StringView(picture)), [&](QByteArrayView bytes) {
-            text.borrowedString(bytes);
-            text.integer(7);
-            text.endArray();
-            for (const QByteArrayView piece : text.pieces())
-                written += piece;
-            return true;
-        }));
-        QCOMPARE(written, "[true,\"" + picture + "\",7]");
-        QVERIFY(!text.isTooLong());
-    }
-    JsonText tooLong;
+    row("of no result", R"({"id":1,"x":{"imageBase64":")", picture, end, false);
+    row("deeper", R"({"id":1,"result":{"x":{"imageBase64":")", picture, "\"}}}", false);
+    row("in an array", R"({"id":1,"result":[{"imageBase64":")", picture, "\"}]}", false);
+    row("of a key with a quote", R"({"id":1,"result":{"a\"imageBase64":")", picture, end, false);
+    row("with a later one", start, picture, R"(","imageBase64":"x"}})", false);
+    row("with one that looks like what stands in for it", start, picture,
+        R"(","imageBase64":"<picture>"}})", false);
+    row("with one that is spelt otherwise", start, picture, R"(","imageBase64":"\u003cpicture>"}})",
+        false);
+    row("without an end", start, picture, "", false);
+    row("of an invalid line", start, picture, "\",}}", false);
+}
+
+void tst_wire::takesPicturesApart()
+{
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, picture);
+    QFETCH(QByteArray, after);
+    QFETCH(bool, apart);
+    const QByteArray line = before + picture + after;
+    std::optional<Answer> answer = answerWithPicture(line);
+    QCOMPARE(answer.has_value(), apart);
+    if (!answer)
+        return;
+    QCOMPARE(answer->picture, QByteArrayView(picture));
+    QJsonObject result = answer->message["result"_L1].toObject();
+    result[ImageKey] = QString::fromLatin1(picture);
+    answer->message["result"_L1] = result;
+    QCOMPARE(answer->message, parseObject(line).value_or(QJsonObject()));
+}
+
+void tst_wire::borrowsStrings()
+{
+    const QByteArray picture(70'000, 'p');
+    JsonWriter text;
+    text.beginArray();
+    text.boolean(true);
+    text.borrowedString(picture);
+    text.integer(7);
+    text.endArray();
+    QByteArray written;
+    for (const QByteArrayView piece : text.pieces())
+        written += piece;
+    QCOMPARE(written, "[true,\"" + picture + "\",7]");
+    QVERIFY(!text.isTooLong());
+    JsonWriter tooLong;
     tooLong.borrowedString({ "", Limits::MaxMessageBytes - 1 });
     QVERIFY(tooLong.isTooLong());
 }
@@ -127,7 +170,7 @@ void tst_wire::keepsByteOrderMarks()
 {
     const QByteArray line = "{\"a\uff0c\":0,\"\ufeff\":[\"\ufeff\",\"\ufeff\ufeffé\","
                             "\"a\ufeff\\\"\ufeff\"],\"\uff0c\":1}";
-    JsonText text;
+    JsonWriter text;
     text.value(parseObject(line).value_or(QJsonObject()));
     // Keys go by their UTF-16 units.
     QCOMPARE(text.bytes().toByteArray(), line);
@@ -171,7 +214,7 @@ void tst_wire::takesLinesHoweverTheyCome()
         for (qsizetype at = 0; at < stream.size(); at += step) {
             const QByteArrayView piece
                     = QByteArrayView(stream).sliced(at, std::min(step, stream.size() - at));
-            memcpy(buffer.space(step), piece.data(), size_t(piece.size()));
+            memcpy(buffer.space(step).data(), piece.data(), size_t(piece.size()));
             buffer.added(piece.size());
             while (const auto line = buffer.takeLine()) {
                 taken += line->toByteArray();

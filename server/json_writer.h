@@ -19,14 +19,17 @@ class QJsonValue;
 // One or more JSON texts, being written. What is begun must be ended, and in an object each value
 // has its key before it; nothing here checks that. A text has a limit: beyond it nothing more is
 // written, and isTooLong() says so.
-class JsonText
+class JsonWriter
 {
 public:
-    // Expects about expected bytes, to get the memory for them at once. Where they are many, a
-    // single string may hold most of them, and strings are written with that in mind.
-    explicit JsonText(qsizetype expected = 0);
-    JsonText(JsonText &&) = default;
-    JsonText &operator=(JsonText &&) = delete;
+    JsonWriter() = default;
+    JsonWriter(JsonWriter &&) = default;
+    JsonWriter &operator=(JsonWriter &&) = delete;
+
+    // Whether keys that are repeated are made into text once, from here on. Only for values that
+    // came as text without escape sequences: Qt does not say whether a half of a surrogate pair
+    // counts when strings are compared.
+    void keepKeys(bool isWanted);
 
     void beginObject() { begin('{'); }
     void endObject() { end('}'); }
@@ -56,7 +59,7 @@ public:
     void value(const QJsonValue &value);
 
     // A string that is not copied, of which there can be one: the caller keeps it until the text is
-    // sent. It must be plain, see plain_string.h.
+    // sent. Each byte must stand for itself in a JSON string, as in base64.
     void borrowedString(QByteArrayView plain);
 
     // Text that is JSON already.
@@ -73,7 +76,7 @@ public:
     // Whether the limit (Limits::MaxMessageBytes) was reached. If so, the text is of no use.
     [[nodiscard]] bool isTooLong() const;
 
-    // Begins anew; what was expected stays.
+    // Begins anew; the memory stays.
     void clear();
 
     // What was written, but for what is borrowed.
@@ -96,7 +99,6 @@ private:
         QByteArray text;
     };
 
-    void resizeBuffer(qsizetype bytes);
     void makeRoom(qsizetype bytes);
 
     // A place for so many bytes more; the caller moves size.
@@ -142,8 +144,6 @@ private:
     template <Style style> void escaped(QStringView text);
     template <Style style> static constexpr QByteArrayView quote();
     template <Style style> void quoted(QStringView text);
-    template <Style style> void stringValue(const QCborValue &string);
-    bool putIfPlain(QByteArrayView text);
     template <Style style> void element(const QCborValue &value, int level);
     template <Style style, typename Container>
     void container(const Container &members, int level, QLatin1StringView except = {});
@@ -158,6 +158,6 @@ private:
     qsizetype borrowedAt = 0; // so many bytes are written before it
     bool afterValue = false; // so that the next one needs a comma
     bool tooLong = false;
-    std::vector<KnownKey> knownKeys; // none where little is expected
-    qsizetype share; // of what was expected, for each element of the container being written
+    std::vector<KnownKey> knownKeys; // none while none were to be kept
+    bool keepsKeys = false;
 };

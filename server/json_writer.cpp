@@ -1,8 +1,7 @@
-#include "json_text.h"
+#include "json_writer.h"
 
-#include "freed_memory.h"
 #include "json_escape.h"
-#include "plain_string.h"
+#include "memory.h"
 #include "server_limits.h"
 
 #include <QCborArray>
@@ -20,60 +19,50 @@
 
 namespace {
 
-constexpr qsizetype FirstBytes = 256;
+constexpr qsizetype FirstBytes = 128;
 constexpr qsizetype IndentBytes = 4;
-constexpr qsizetype LargeStringBytes = 65'536;
-constexpr qsizetype ManyKeysBytes = 4'096; // of text in which keys are probably repeated
 constexpr size_t KnownKeys = 64;
 constexpr size_t KeysPerLevel = 16; // so that an object and those in it seldom meet
 constexpr qsizetype MaxKnownKeyBytes = 256;
 
 } // namespace
 
-JsonText::JsonText(qsizetype expected) : share(expected)
+void JsonWriter::keepKeys(bool isWanted)
 {
-    if (expected >= ManyKeysBytes)
+    keepsKeys = isWanted;
+    if (isWanted && knownKeys.empty())
         knownKeys.resize(KnownKeys);
-    // With room to spare, so that what is large need not be moved at its end.
-    resizeBuffer(std::min(FirstBytes + expected + expected / 8, Limits::MaxMessageBytes));
 }
 
-// To exactly so many bytes: left to itself, QByteArray goes to the next power of two.
-void JsonText::resizeBuffer(qsizetype bytes)
-{
-    buffer.reserve(bytes);
-    buffer.resize(bytes);
-    place = buffer.data();
-    capacity = bytes;
-    adviseHugePages(place, bytes);
-}
-
-void JsonText::makeRoom(qsizetype bytes)
+void JsonWriter::makeRoom(qsizetype bytes)
 {
     if (size + bytes > Limits::MaxMessageBytes) {
         tooLong = true;
         size = 0; // what is still written goes over what is of no use
     }
-    if (size + bytes > capacity)
-        resizeBuffer(std::min(std::max(size + bytes, capacity * 2), Limits::MaxMessageBytes));
+    if (size + bytes <= capacity)
+        return;
+    growBuffer(buffer, std::max(size + bytes, FirstBytes));
+    capacity = buffer.size();
+    place = buffer.data();
 }
 
-void JsonText::string(QStringView text)
+void JsonWriter::string(QStringView text)
 {
     separate();
     quoted<Style::Compact>(text);
 }
 
-void JsonText::boolean(bool value) { json(value ? "true" : "false"); }
+void JsonWriter::boolean(bool value) { json(value ? "true" : "false"); }
 
-void JsonText::integer(qint64 value)
+void JsonWriter::integer(qint64 value)
 {
     char digits[20];
     const auto result = std::to_chars(std::begin(digits), std::end(digits), value);
     json(QByteArrayView(digits, result.ptr));
 }
 
-void JsonText::json(QByteArrayView text)
+void JsonWriter::json(QByteArrayView text)
 {
     separate();
     if (text.size() <= Limits::MaxMessageBytes)
@@ -82,7 +71,7 @@ void JsonText::json(QByteArrayView text)
         tooLong = true;
 }
 
-void JsonText::borrowedString(QByteArrayView plain)
+void JsonWriter::borrowedString(QByteArrayView plain)
 {
     separate();
     put('"');
@@ -91,12 +80,12 @@ void JsonText::borrowedString(QByteArrayView plain)
     put('"');
 }
 
-bool JsonText::isTooLong() const
+bool JsonWriter::isTooLong() const
 {
     return tooLong || size + borrowed.size() > Limits::MaxMessageBytes;
 }
 
-void JsonText::clear()
+void JsonWriter::clear()
 {
     size = 0;
     borrowed = {};
@@ -105,14 +94,14 @@ void JsonText::clear()
     tooLong = false;
 }
 
-void JsonText::endLine()
+void JsonWriter::endLine()
 {
     put('\n');
     afterValue = false;
 }
 
 // The inside of a string. In pieces, so that room for the worst is made of a piece only.
-template <JsonText::Style style> void JsonText::escaped(QStringView text)
+template <JsonWriter::Style style> void JsonWriter::escaped(QStringView text)
 {
     constexpr bool Nested = style == Style::Reader;
     constexpr qsizetype PieceUnits = 4096;
@@ -127,49 +116,19 @@ template <JsonText::Style style> void JsonText::escaped(QStringView text)
     }
 }
 
-template <JsonText::Style style> constexpr QByteArrayView JsonText::quote()
+template <JsonWriter::Style style> constexpr QByteArrayView JsonWriter::quote()
 {
     return style == Style::Reader ? "\\\"" : "\"";
 }
 
-template <JsonText::Style style> void JsonText::quoted(QStringView text)
+template <JsonWriter::Style style> void JsonWriter::quoted(QStringView text)
 {
     put(quote<style>());
     escaped<style>(text);
     put(quote<style>());
 }
 
-// Writes bytes that stand for themselves. False, with some of them written, when not all do.
-bool JsonText::putIfPlain(QByteArrayView text)
-{
-    constexpr qsizetype PieceBytes = 2'048; // still in the cache when they are copied
-    while (!text.isEmpty()) {
-        const QByteArrayView piece = text.first(std::min(PieceBytes, text.size()));
-        if (!isPlain(piece))
-            return false;
-        put(piece);
-        text = text.sliced(piece.size());
-    }
-    return true;
-}
-
-// A string, without the detour through UTF-16 where it may be large and is plain. How long one is
-// only that detour would tell, so what was expected is shared out among the elements of a
-// container.
-template <JsonText::Style style> void JsonText::stringValue(const QCborValue &string)
-{
-    if (share >= LargeStringBytes) {
-        const qsizetype start = size;
-        put(quote<style>());
-        if (visitBytes(string, [this](QByteArrayView bytes) { return putIfPlain(bytes); }))
-            return put(quote<style>());
-        if (!tooLong)
-            size = start;
-    }
-    quoted<style>(string.toString());
-}
-
-template <JsonText::Style style> void JsonText::newLine(int level)
+template <JsonWriter::Style style> void JsonWriter::newLine(int level)
 {
     if (style == Style::Compact)
         return;
@@ -182,10 +141,10 @@ template <JsonText::Style style> void JsonText::newLine(int level)
 }
 
 // Writes a key and its colon. The objects of an array mostly have the same keys, so that one which
-// is in the place where it was before is not made into text again.
-template <JsonText::Style style> void JsonText::memberKey(const QCborValue &name, size_t slot)
+// is in the place where it was before need not be made into text again.
+template <JsonWriter::Style style> void JsonWriter::memberKey(const QCborValue &name, size_t slot)
 {
-    KnownKey *const known = knownKeys.empty() ? nullptr : &knownKeys[slot % KnownKeys];
+    KnownKey *const known = !keepsKeys ? nullptr : &knownKeys[slot % KnownKeys];
     if (known != nullptr && known->style == style && known->name == name)
         return put(known->text);
     const qsizetype start = size;
@@ -195,11 +154,10 @@ template <JsonText::Style style> void JsonText::memberKey(const QCborValue &name
         *known = { name, style, bytes().sliced(start).toByteArray() };
 }
 
-template <JsonText::Style style, typename Container>
-void JsonText::container(const Container &members, int level, QLatin1StringView except)
+template <JsonWriter::Style style, typename Container>
+void JsonWriter::container(const Container &members, int level, QLatin1StringView except)
 {
     constexpr bool IsMap = std::is_same_v<Container, QCborMap>;
-    const qsizetype whole = std::exchange(share, share / std::max<qsizetype>(members.size(), 1));
     put(IsMap ? '{' : '[');
     bool first = true;
     size_t slot = static_cast<size_t>(level) * KeysPerLevel;
@@ -221,14 +179,13 @@ void JsonText::container(const Container &members, int level, QLatin1StringView 
     }
     newLine<style>(level);
     put(IsMap ? '}' : ']');
-    share = whole;
 }
 
-template <JsonText::Style style> void JsonText::element(const QCborValue &value, int level)
+template <JsonWriter::Style style> void JsonWriter::element(const QCborValue &value, int level)
 {
     switch (value.type()) {
     case QCborValue::String:
-        return stringValue<style>(value);
+        return quoted<style>(value.toString());
     case QCborValue::Integer: {
         char *const out = room(20);
         size += std::to_chars(out, out + 20, value.toInteger()).ptr - out;
@@ -253,7 +210,7 @@ template <JsonText::Style style> void JsonText::element(const QCborValue &value,
     }
 }
 
-void JsonText::value(const QJsonValue &value)
+void JsonWriter::value(const QJsonValue &value)
 {
     switch (value.type()) {
     case QJsonValue::String:
@@ -269,7 +226,7 @@ void JsonText::value(const QJsonValue &value)
     }
 }
 
-void JsonText::readerText(const QJsonValue &value, QLatin1StringView except)
+void JsonWriter::readerText(const QJsonValue &value, QLatin1StringView except)
 {
     separate();
     put('"');

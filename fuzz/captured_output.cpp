@@ -1,0 +1,36 @@
+#include "captured_output.h"
+
+#include "output.h"
+
+#include <cstdlib>
+#include <utility>
+
+namespace {
+
+QByteArray g_written;
+
+} // namespace
+
+void writeMessage(const JsonWriter &lines)
+{
+    for (const QByteArrayView piece : lines.pieces())
+        g_written.append(piece);
+}
+
+qint64 writeMessageTimed(const JsonWriter &lines)
+{
+    writeMessage(lines);
+    return 0;
+}
+
+QByteArrayList writtenLines()
+{
+    QByteArrayList lines = std::exchange(g_written, {}).split('\n');
+    if (!lines.takeLast().isEmpty())
+        std::abort(); // half a line
+    for (const QByteArray &line : std::as_const(lines)) {
+        if (!line.startsWith('{') || !line.endsWith('}'))
+            std::abort();
+    }
+    return lines;
+}

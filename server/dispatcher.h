@@ -1,0 +1,8 @@
+// The dispatcher: what each request of the client asks for. Main thread.
+
+#pragma once
+
+#include <QJsonObject>
+
+// Handles one request to its end, and answers it; a notification is ignored.
+void handle(const QJsonObject &request);

@@ -1,0 +1,235 @@
+#include "exchange.h"
+
+#include "host_process.h"
+#include "input.h"
+#include "json_input.h"
+#include "memory.h"
+#include "output.h"
+#include "server_limits.h"
+
+#include <QLocalSocket>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qsizetype ManyKeysBytes = 4'096; // of an answer in which keys are probably repeated
+
+// An application's event as a notification to the client. Members that the event lacks stay out.
+void putEvent(JsonWriter &lines, const QJsonObject &event)
+{
+    lines.beginObject();
+    lines.key("jsonrpc"_L1);
+    lines.string("2.0"_L1);
+    lines.key("method"_L1);
+    lines.string("notifications/message"_L1);
+    lines.key("params"_L1);
+    lines.beginObject();
+    lines.key("data"_L1);
+    lines.beginObject();
+    if (const auto params = event.constFind("params"_L1); params != event.constEnd()) {
+        lines.key("detail"_L1);
+        lines.value(*params);
+    }
+    if (const auto method = event.constFind("method"_L1); method != event.constEnd()) {
+        lines.key("event"_L1);
+        lines.value(*method);
+    }
+    lines.endObject();
+    lines.key("level"_L1);
+    lines.string("info"_L1);
+    lines.key("logger"_L1);
+    lines.string("orrery"_L1);
+    lines.endObject();
+    lines.endObject();
+    lines.endLine();
+}
+
+} // namespace
+
+qint64 PipeLines::take(bool isTimed)
+{
+    qint64 clientIdleMs = 0;
+    const auto passOn = [&] {
+        if (isTimed)
+            clientIdleMs += writeMessageTimed(events);
+        else
+            writeMessage(events);
+        events.clear();
+    };
+    while (refusal.isEmpty() && !events.isTooLong()
+           && events.bytes().size() < Limits::EventBatchBytes) {
+        const std::optional<QByteArrayView> line = input.takeLine();
+        mayHaveMore = line.has_value();
+        if (!line)
+            break;
+        // What stands ready does not wait for what is large.
+        if (events.bytes().size() + line->size() > Limits::EventBatchBytes)
+            passOn();
+        const qsizetype size = line->size();
+        takeLine(*line);
+        messageHandled(size);
+        if (answer)
+            break; // whose picture stands in the buffer
+        input.releaseTaken();
+    }
+    if (events.isTooLong())
+        refusal = u"Orrery sent an event that makes a message of more than 512 MiB"_s;
+    else
+        passOn();
+    if (!mayHaveMore && input.rest().size() > Limits::MaxPipeLineBytes)
+        refusal = u"Orrery sent a line of more than 256 MiB"_s;
+    return clientIdleMs;
+}
+
+void PipeLines::takeLine(QByteArrayView line)
+{
+    if (line.size() > Limits::MaxPipeLineBytes) {
+        refusal = u"Orrery sent a line of more than 256 MiB"_s;
+        return;
+    }
+    if ((answer = answerWithPicture(line)) && isOwn(answer->message))
+        return;
+    answer.reset();
+    if (isTooCostly(line)) {
+        refusal = u"Orrery sent a line that takes more than 1.25 GiB of memory to read"_s;
+        return;
+    }
+    const QJsonObject message = parseObject(line).value_or(QJsonObject());
+    const bool isPlain = !line.contains('\\');
+    if (!message.contains("result"_L1) && !message.contains("error"_L1)) {
+        events.keepKeys(isPlain);
+        putEvent(events, message);
+    } else if (isOwn(message)) {
+        answer = Answer { message, {}, isPlain && line.size() >= ManyKeysBytes };
+    }
+}
+
+// Whether a response is the one to this request.
+bool PipeLines::isOwn(const QJsonObject &response) const
+{
+    return response.value("id"_L1).toInteger(-1) == requestId;
+}
+
+Exchange::Exchange(QLocalSocket &pipe, const HostProcess::Handle &peer, LineBuffer &buffer,
+                   QByteArrayView request, int requestId)
+    : socket(pipe),
+      descriptor(static_cast<int>(pipe.socketDescriptor())),
+      holder(peer),
+      received(buffer),
+      lines(buffer, requestId),
+      unsent(request)
+{
+}
+
+bool Exchange::run(int limitMs, Answer *answer, QString *error)
+{
+    answerMs = std::max(limitMs, 0); // a negative time would be without end
+    writeLimit.setRemainingTime(Limits::WriteMs);
+    takeReadAhead();
+    send();
+    while (!isOver(error)) {
+        wait();
+        giveMemoryBackIfDue();
+    }
+    if (!lines.answer)
+        return false;
+    *answer = *std::move(lines.answer);
+    return true;
+}
+
+// Looks at everything that can end an exchange, in the order that counts. The reason is for an end
+// without the answer.
+bool Exchange::isOver(QString *reason)
+{
+    const bool isOut = isRequestOut();
+    const auto end = [reason](const QString &text) {
+        *reason = text;
+        return true;
+    };
+    if (isOut && answerLimit.hasExpired()) // also where the answer came, but was not taken in time
+        return end(u"Orrery did not answer in time"_s);
+    writeLimit += lines.take(!isOut); // it may not read before the client has taken what it says
+    if (lines.answer)
+        return true;
+    if (!lines.refusal.isEmpty())
+        return end(lines.refusal);
+    if (isClosed && !lines.mayHaveMore)
+        return end(isOut ? u"Orrery closed the connection"_s : u"write to Orrery failed"_s);
+    if (isCancelled())
+        return end(u"cancelled by the client"_s);
+    if (!isOut && writeLimit.hasExpired())
+        return end(u"write to Orrery failed"_s);
+    return false;
+}
+
+// Waits until something can be written or read, or for Limits::WaitSliceMs, and does so. Lines that
+// are there are worked through before more is read.
+void Exchange::wait()
+{
+    const bool reads = !lines.mayHaveMore;
+    const bool writes = !isRequestOut() && !isUnwritable;
+    pollfd peers[] {
+        { descriptor, static_cast<short>((reads ? POLLIN : 0) | (writes ? POLLOUT : 0)), 0 },
+        { holder.descriptor(), POLLIN, 0 },
+    };
+    if (reads) {
+        const qint64 left = (isRequestOut() ? answerLimit : writeLimit).remainingTime();
+        poll(peers, std::size(peers),
+             static_cast<int>(std::min<qint64>(left, Limits::WaitSliceMs)));
+    } else if (writes) {
+        poll(peers, std::size(peers), 0);
+    }
+    if ((peers[0].revents & POLLOUT) != 0)
+        send();
+    // Of a holder that has ended, nothing more comes than what is there, though another process may
+    // have inherited its end of the connection.
+    const bool hasEnded = isUnwritable || peers[1].revents != 0;
+    if (reads && (peers[0].revents != 0 || hasEnded))
+        receive(hasEnded);
+}
+
+// Writes what the socket takes now. To the socket itself: through QLocalSocket's buffer, a request
+// would be copied, and cost three more system calls.
+void Exchange::send()
+{
+    const ssize_t count = ::send(descriptor, unsent.data(), static_cast<size_t>(unsent.size()),
+                                 MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count < 0) {
+        isUnwritable = errno != EAGAIN && errno != EINTR;
+        return;
+    }
+    unsent = unsent.sliced(count);
+    writeLimit.setRemainingTime(Limits::WriteMs);
+    answerLimit.setRemainingTime(answerMs);
+}
+
+// Takes in what QLocalSocket has read by itself, when events were processed since the last
+// exchange.
+void Exchange::takeReadAhead()
+{
+    const qint64 available = socket.bytesAvailable();
+    if (available == 0)
+        return;
+    const std::span<char> space = received.space(available);
+    received.added(std::max<qint64>(socket.read(space.data(), available), 0));
+}
+
+// Takes in what is there, from the socket itself as well. isLast: nothing can come after it.
+void Exchange::receive(bool isLast)
+{
+    const std::span<char> space = received.space(Limits::ChunkBytes);
+    const ssize_t count = recv(descriptor, space.data(), space.size(), MSG_DONTWAIT);
+    if (count > 0)
+        received.added(count);
+    else if (count == 0 || (errno != EAGAIN && errno != EINTR) || isLast)
+        isClosed = true;
+    lines.mayHaveMore = count > 0;
+}

@@ -1,0 +1,85 @@
+// One request to the application and its answer, while both sides may talk: the application may say
+// something, or answer, before it has taken the request.
+
+#pragma once
+
+#include "json_writer.h"
+#include "line_buffer.h"
+#include "picture_input.h"
+
+#include <QDeadlineTimer>
+#include <QString>
+
+#include <optional>
+
+class QLocalSocket;
+
+namespace HostProcess {
+class Handle;
+}
+
+// What the application says during an exchange, line by line.
+class PipeLines
+{
+public:
+    PipeLines(LineBuffer &buffer, int request) : input(buffer), requestId(request) { }
+
+    // Works through what was received: passes events on to the client, and drops answers to other
+    // requests. Ends with the answer, with a line that is refused, with as many events as go out in
+    // one write, or when no whole line is left. If isTimed, gives the milliseconds in which the
+    // client took none of the events, see writeMessageTimed().
+    qint64 take(bool isTimed);
+
+    // Whether there may be a whole line left.
+    bool mayHaveMore = true;
+
+    // The answer, once it came. Its picture lies in the buffer.
+    std::optional<Answer> answer;
+
+    // Why a line was refused; empty while none was.
+    QString refusal;
+
+private:
+    void takeLine(QByteArrayView line);
+    [[nodiscard]] bool isOwn(const QJsonObject &response) const;
+
+    LineBuffer &input;
+    const int requestId;
+    JsonWriter events; // that go out in one write
+};
+
+// An exchange on a connection that stands.
+class Exchange
+{
+public:
+    // request is a line that stands until run() has ended. buffer holds what came on the connection
+    // before, and keeps what comes behind the answer. peer is the process at the other end.
+    Exchange(QLocalSocket &pipe, const HostProcess::Handle &peer, LineBuffer &buffer,
+             QByteArrayView request, int requestId);
+
+    // Writes the request and waits for the answer, for limitMs from when the request is written.
+    // True with the answer in *answer, false with the reason in *error.
+    bool run(int limitMs, Answer *answer, QString *error);
+
+    // Whether the whole request has been written.
+    [[nodiscard]] bool isRequestOut() const { return unsent.isEmpty(); }
+
+private:
+    bool isOver(QString *reason);
+    void takeReadAhead();
+    void wait();
+    void send();
+    void receive(bool isLast);
+
+    QLocalSocket &socket;
+    const int descriptor; // of the socket
+    const HostProcess::Handle &holder;
+    LineBuffer &received;
+    PipeLines lines;
+    QByteArrayView unsent;
+    QDeadlineTimer writeLimit; // for the next bytes of the request
+    QDeadlineTimer answerLimit; // once the request is written
+    int answerMs = 0;
+    bool isUnwritable = false; // the application takes nothing any more
+    bool isClosed = false; // and says nothing any more
+};

@@ -1,0 +1,62 @@
+// Standard input: the stdin reader thread, the queue through which requests come to the main
+// thread, and the cancellation of the call in flight.
+
+#pragma once
+
+#include "line_buffer.h"
+
+#include <QJsonObject>
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
+
+// A message and how many bytes it came in.
+struct Request
+{
+    QJsonObject message;
+    qsizetype size;
+};
+
+// What the reader hands to the main thread, in order. Outlives the reader.
+class RequestQueue
+{
+public:
+    void append(Request request);
+    void endInput();
+
+    // Lets take() look after freed memory.
+    void wake();
+
+    // Waits for the next request; nothing once input has ended and every request was taken. When
+    // none comes for a while, freed memory goes back to the system; at once after a long queue,
+    // whose memory nothing else would use.
+    std::optional<Request> take();
+
+private:
+    std::mutex mutex; // guards what follows
+    std::condition_variable changed;
+    std::deque<Request> requests;
+    qsizetype bytes = 0; // that the requests came in
+    bool inputEnded = false;
+    bool wasLong = false; // since take() last gave memory back
+};
+
+// The stdin reader thread: reads until standard input ends. Answers what must not wait behind a
+// slow call, as a ping, and queues the rest.
+void readStdin(RequestQueue &queue);
+
+// What the reader does with the whole lines of what it has read, and with a last line that has no
+// line feed.
+void receiveLines(LineBuffer &input, RequestQueue &queue);
+void receiveRest(LineBuffer &input, RequestQueue &queue);
+
+// The id of no call.
+inline constexpr qint64 NoCall = -1;
+
+// Registers a call as the one that the client can cancel, or NoCall. Main thread.
+void setInFlight(qint64 id);
+
+// Whether the client has cancelled the call in flight.
+[[nodiscard]] bool isCancelled();
