@@ -1,60 +1,87 @@
-// What a tool gives: a body now, or one that comes later.
+// Values that come later, on the event loop, and what a tool answers.
 
 #pragma once
 
-#include <QElapsedTimer>
 #include <QJsonObject>
 
-#include <functional>
+#include <coroutine>
+#include <exception>
+#include <memory>
 #include <optional>
 
-struct Answer
+void resumeSoon(std::coroutine_handle<> waiter); // from the event loop
+
+// What an asynchronous function gives, which may be a coroutine: co_await waits for the value,
+// co_return sets it. Copies share the value; one of them at most may be waited for at a time.
+template <typename T> class Later
 {
-    QJsonObject body; // with "result" or "error"
-    std::function<std::optional<Answer>()> later; // if set: to be asked until it gives the answer
+public:
+    struct promise_type
+    {
+        promise_type() { } // so that the coroutine's arguments do not initialise it
+        Later get_return_object() const { return later; }
+        std::suspend_never initial_suspend() const { return {}; }
+        std::suspend_never final_suspend() const noexcept { return {}; }
+        void return_value(T value) const { later.set(std::move(value)); }
+        void unhandled_exception() const { std::terminate(); }
+        Later later;
+    };
+
+    Later() = default;
+    Later(T value) { state->value = std::move(value); } // it is here already
+
+    // The first value counts; whoever waits goes on from the event loop, never inside this call.
+    void set(T value) const
+    {
+        if (state->value)
+            return;
+        state->value = std::move(value);
+        if (state->waiter)
+            resumeSoon(state->waiter);
+    }
+
+    bool isSet() const { return state->value.has_value(); }
+    bool await_ready() const { return isSet(); }
+    void await_suspend(std::coroutine_handle<> waiter) const { state->waiter = waiter; }
+    T await_resume() const { return *state->value; }
+
+private:
+    struct State
+    {
+        std::optional<T> value;
+        std::coroutine_handle<> waiter;
+    };
+    std::shared_ptr<State> state = std::make_shared<State>();
 };
 
-inline Answer ok(const QJsonObject &result)
+Later<bool> pause(int ms); // is there after that many milliseconds
+
+using Answer = QJsonObject; // with "result", or with "error"
+
+// Keys and their values in turn.
+template <typename... Rest>
+QJsonObject object(QLatin1StringView key, const QJsonValue &value, const Rest &...rest)
 {
-    return { { { QStringLiteral("result"), result } }, {} };
+    QJsonObject whole;
+    if constexpr (sizeof...(rest) > 0)
+        whole = object(rest...);
+    whole[key] = value;
+    return whole;
+}
+
+inline Answer ok(const QJsonObject &result) { return { { QStringLiteral("result"), result } }; }
+
+template <typename... Members> Answer ok(QLatin1StringView key, const Members &...members)
+{
+    return ok(object(key, members...));
 }
 
 inline Answer fail(const QString &code, const QString &message)
 {
-    const QJsonObject error { { QStringLiteral("code"), code },
-                              { QStringLiteral("message"), message } };
-    return { { { QStringLiteral("error"), error } }, {} };
+    const QLatin1StringView codeKey("code"), messageKey("message");
+    return { { QStringLiteral("error"), object(codeKey, code, messageKey, message) } };
 }
 
-inline Answer wrong(const QString &message)
-{
-    return fail(QStringLiteral("invalid_argument"), message);
-}
-
-inline Answer unavailable()
-{
-    return fail(QStringLiteral("not_available"),
-                QStringLiteral("not available in the demonstration"));
-}
-
-inline Answer noNetworking()
-{
-    return fail(QStringLiteral("not_ready"),
-                QStringLiteral("the networking service is not installed (networking_install)"));
-}
-
-// An answer that poll() gives once it can; it learns whether that many milliseconds have passed.
-inline Answer until(qint64 ms, std::function<std::optional<Answer>(bool timeUp)> poll)
-{
-    QElapsedTimer timer;
-    timer.start();
-    return { {}, [=, poll = std::move(poll)] { return poll(timer.elapsed() >= ms); } };
-}
-
-// An answer that act() gives once that many milliseconds have passed.
-inline Answer after(qint64 ms, std::function<Answer()> act)
-{
-    return until(ms, [act = std::move(act)](bool timeUp) {
-        return timeUp ? std::optional(act()) : std::nullopt;
-    });
-}
+inline Answer wrong(const QString &what) { return fail(QStringLiteral("invalid_argument"), what); }
+inline Answer wrongState(const QString &why) { return fail(QStringLiteral("wrong_state"), why); }
+inline Answer unavailable(const QString &why) { return fail(QStringLiteral("not_available"), why); }

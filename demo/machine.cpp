@@ -1,70 +1,30 @@
 #include "machine.h"
 
-#include <QDateTime>
-#include <QJsonArray>
+#include <QRegularExpression>
 
-#include <algorithm>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
-constexpr qint64 BootLineMs = 300;
-constexpr qint64 BootLines = 4; // before the login
+namespace {
 
-Machine Machine::created(const QJsonObject &arguments)
+constexpr size_t MaxLogLines = 2'000;
+constexpr int PollMs = 20;
+
+// Whether KVM is worth a try: it may be there and still not work, which only a start tells.
+bool kvmWorks = access("/dev/kvm", R_OK | W_OK) == 0;
+
+QString hostName(const QString &machineName)
 {
-    const QString os = arguments["os"_L1].toString();
-    const QString name = arguments["name"_L1].toString();
-    const bool unattended = arguments["unattended"_L1].toBool();
-    const bool installed = os == "macOS"_L1 || unattended;
-    const QJsonValue driver = os == "linux"_L1
-                                      ? arguments["linuxNetworkDriver"_L1].toString(u"builtin"_s)
-                                      : QJsonValue();
-    const bool bridged = arguments["network"_L1].toString() == "bridge"_L1;
-    Machine machine;
-    machine.settings = {
-        { u"id"_s, "/home/demo/Orrery/%1.vm"_L1.arg(name) },
-        { u"name"_s, name },
-        { u"os"_s, os },
-        { u"state"_s, u"stopped"_s },
-        { u"cpu"_s, arguments["cpu"_L1] },
-        { u"ramGB"_s, arguments["ramGB"_L1] },
-        { u"diskGB"_s, arguments["diskGB"_L1] },
-        { u"network"_s, arguments["network"_L1] },
-        { u"bridgeInterface"_s, bridged ? arguments["bridgeInterface"_L1] : QJsonValue() },
-        { u"nestedVirt"_s, arguments["nestedVirt"_L1].toBool() },
-        { u"rosetta"_s, arguments["rosetta"_L1].toBool() },
-        { u"linuxNetworkDriver"_s, driver },
-        { u"installerMedia"_s, installed ? QJsonValue() : arguments["image"_L1] },
-        { u"installed"_s, installed },
-        { u"guestTools"_s, unattended ? u"1.0"_s : QJsonValue() },
-        { u"attachLinuxGuestTools"_s, false },
-        { u"sshProvisioned"_s, false },
-        { u"display"_s, QJsonObject { { u"width"_s, 1024 }, { u"height"_s, 768 } } },
-        { u"sharedFolders"_s, QJsonArray() },
-    };
-    machine.note(u"created"_s);
-    return machine;
+    static const QRegularExpression others(u"[^a-z0-9]+"_s);
+    return machineName.toLower().replace(others, u"-"_s);
 }
 
-QSize Machine::display() const
-{
-    const QJsonObject size = settings["display"_L1].toObject();
-    return { size["width"_L1].toInt(), size["height"_L1].toInt() };
-}
+} // namespace
 
-QStringList Machine::screenLines() const
+Later<Outcome> Machine::diskTool(const QString &words) const
 {
-    QStringList lines { u"Orrery demonstration firmware"_s, "Booting "_L1 + text("os"_L1),
-                        u"[  OK  ] Started simulated services"_s, u"[  OK  ] Reached target"_s,
-                        text("name"_L1).toLower().replace(u' ', u'-') + " login: "_L1 + typed };
-    const qint64 shown = started.isValid() ? 1 + started.elapsed() / BootLineMs : 0;
-    lines = lines.first(std::min<qsizetype>(lines.size(), shown));
-    return lines.join(u'\n').split(u'\n');
-}
-
-bool Machine::hasBooted() const
-{
-    return started.isValid() && started.hasExpired(BootLines * BootLineMs);
+    return run(u"qemu-img"_s, words.split(u' '), folder.path());
 }
 
 QJsonObject Machine::pick(std::initializer_list<QLatin1StringView> keys) const
@@ -75,17 +35,140 @@ QJsonObject Machine::pick(std::initializer_list<QLatin1StringView> keys) const
     return picked;
 }
 
+void Machine::note(const QString &line)
+{
+    log.emplace_back(QDateTime::currentDateTimeUtc(), line);
+    if (log.size() > MaxLogLines)
+        log.pop_front();
+}
+
 void Machine::setState(QLatin1StringView state)
 {
-    if (is("stopped"_L1))
-        started.start(); // what is resumed goes on where it was
     settings["state"_L1] = state;
-    if (state == "stopped"_L1)
-        typed.clear();
     note("state is now "_L1 + state);
 }
 
-void Machine::note(const QString &line)
+QStringList Machine::arguments() const
 {
-    log += QDateTime::currentDateTimeUtc().toString(Qt::ISODate) + u' ' + line;
+    QString media = text("installerMedia"_L1);
+    const bool disc = media.endsWith(".iso"_L1);
+    const bool small = flag("smallLinux"_L1) && !disc;
+    const bool windows = text("os"_L1) == "windows"_L1; // has no drivers for virtio
+    // What is kept lasts no longer than the application, so no write need reach the disk.
+    const QString words
+            = u"-nodefaults -no-user-config -display none -vga std -machine pc -cpu max "
+              "-sandbox on,obsolete=deny,elevateprivileges=deny,spawn=deny -accel %1 "
+              "-drive if=none,id=disk,format=qcow2,cache=unsafe,werror=report,"
+              "file=disk.qcow2 -netdev user,id=net,hostfwd=tcp:127.0.0.1:0-:22 "
+              "-smp %2 -m %3G -device %4,drive=disk -device %5,netdev=net,romfile= %6"_s;
+    const QString input = small ? u"-device virtio-tablet-pci -device virtio-keyboard-pci"_s
+                                : u"-usb -device usb-tablet"_s;
+    QStringList all = words.arg(accelerated ? u"kvm"_s : u"tcg,thread=multi"_s)
+                              .arg(settings["cpu"_L1].toInt())
+                              .arg(settings["ramGB"_L1].toInt())
+                              .arg(windows ? u"ide-hd"_s : u"virtio-blk-pci"_s,
+                                   windows ? u"e1000"_s : u"virtio-net-pci"_s, input)
+                              .split(u' ');
+    if (disc) // a reboot finds what was installed from it
+        all << u"-boot order=c,once=d -device ide-cd,drive=cd -drive"_s.split(u' ')
+            << u"if=none,id=cd,media=cdrom,readonly=on,format=raw,file="_s
+                        + media.replace(u","_s, u",,"_s);
+    if (!small)
+        return all;
+    all << u"-kernel"_s << guestFile(u"kernel"_s) << u"-initrd"_s << guestFile(u"initrd"_s)
+        << u"-append"_s << u"console=ttyS0 console=tty0 no-scroll"_s;
+    QStringList told { "hostname,string="_L1 + hostName(text("name"_L1)) };
+    if (!media.isEmpty())
+        told << u"installer,string=yes"_s;
+    if (const QString user = text("account"_L1); !user.isEmpty()) // its password is nobody else's
+        told << "username,string="_L1 + user << u"password,file=password"_s;
+    for (const QString &what : std::as_const(told))
+        all << u"-fw_cfg"_s << "name=opt/demo/"_L1 + what;
+    return all;
+}
+
+// One process, which may end before the machine is made; then it says why.
+Later<QString> Machine::launch(const QStringList &more)
+{
+    lastError.clear();
+    qemu = std::make_unique<Qemu>(
+            arguments() + more, folder.path(),
+            Qemu::Listener { [this](const QString &line) { note(line); },
+                             [this](const QString &event) { happened(event); },
+                             [this](const QString &error) { ended(error); } });
+    const Later<QJsonObject> up = qemu->up; // which may go while it is waited for
+    co_await up;
+    co_return qemu ? QString() : lastError;
+}
+
+Later<QString> Machine::boot()
+{
+    const Flag works(busy);
+    booted = false;
+    accelerated = kvmWorks;
+    QString complaint = co_await launch();
+    if (!complaint.isEmpty() && accelerated) {
+        note("KVM does not work here: "_L1 + complaint);
+        kvmWorks = accelerated = false;
+        complaint = co_await launch();
+    }
+    started.start();
+    if (complaint.isEmpty())
+        setState("running"_L1);
+    co_return complaint;
+}
+
+Later<QString> Machine::suspend()
+{
+    const Flag works(busy);
+    qemu->command(u"stop"_s);
+    const QJsonObject answer = co_await qemu->monitor(u"savevm suspended"_s);
+    const QString complaint
+            = answer["return"_L1].toString() + answer["error"_L1]["desc"_L1].toString();
+    if (qemu && complaint.isEmpty())
+        stateAfterEnd = "suspended"_L1;
+    if (qemu)
+        qemu->command(complaint.isEmpty() ? u"quit"_s : u"cont"_s);
+    while (qemu && complaint.isEmpty())
+        co_await pause(PollMs);
+    co_return complaint.trimmed();
+}
+
+Later<QString> Machine::resume()
+{
+    const Flag works(busy);
+    const QString complaint = co_await launch(u"-loadvm suspended"_s.split(u' '));
+    if (!complaint.isEmpty())
+        co_return complaint;
+    stateAfterEnd = "stopped"_L1;
+    setState("running"_L1);
+    const Later<QJsonObject> dropped = qemu->monitor(u"delvm suspended"_s);
+    qemu->command(u"cont"_s);
+    co_await dropped;
+    co_return lastError;
+}
+
+Later<QString> Machine::dropMemory()
+{
+    const Flag works(busy);
+    const Outcome dropped = co_await diskTool(u"snapshot -q -d suspended disk.qcow2"_s);
+    stateAfterEnd = "stopped"_L1;
+    if (dropped.succeeded())
+        setState("stopped"_L1);
+    co_return dropped.words();
+}
+
+void Machine::happened(const QString &event)
+{
+    if (event != "ready"_L1 && event != "RESET"_L1)
+        return;
+    booted = event == "ready"_L1;
+    note(booted ? u"the guest has booted"_s : u"the guest reboots"_s);
+}
+
+void Machine::ended(const QString &error)
+{
+    qemu.release()->deleteLater();
+    lastError = error;
+    setState(stateAfterEnd);
 }

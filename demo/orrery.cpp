@@ -1,18 +1,17 @@
 // A stand-in for the Orrery application, to try the server without it: serves the control pipe for
-// one user and lets simulated machines answer. It is a demonstration; no machine is real.
+// one user, and runs small virtual machines by QEMU.
 
+#include "host.h"
 #include "orrery_control.h"
 #include "tools.h"
 
+#include <QCoreApplication>
 #include <QDir>
-#include <QGuiApplication>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QLockFile>
 #include <QPointer>
-#include <QTimer>
 
 #include <cstdio>
 
@@ -20,44 +19,39 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int TickMs = 50;
 constexpr int ConnectMs = 500;
+constexpr qsizetype MaxPathBytes = 107; // of a socket, unix(7)
 
-void send(QLocalSocket &client, const QJsonObject &message)
+void send(const QPointer<QLocalSocket> &client, const QJsonObject &message)
 {
-    client.write(QJsonDocument(message).toJson(QJsonDocument::Compact) + '\n');
-    client.flush();
+    if (!client) // it went away
+        return;
+    client->write(QJsonDocument(message).toJson(QJsonDocument::Compact) + '\n');
+    client->flush();
 }
 
 class ControlServer
 {
 public:
-    ControlServer()
-        : world([this](const QString &event, const QJsonObject &detail) {
-              broadcast(event, detail);
-          })
+    // Serves once the first machine is there, or ends the program.
+    Later<bool> serve()
     {
         QObject::connect(&server, &QLocalServer::newConnection, &server, [this] { accept(); });
-        QObject::connect(&timer, &QTimer::timeout, &timer, [this] { tick(); });
-        timer.start(TickMs);
-    }
-
-    bool listen()
-    {
+        QString complaint = world.open();
+        if (complaint.isEmpty())
+            co_await world.begin();
         server.setSocketOptions(QLocalServer::UserAccessOption);
         QLocalServer::removeServer(OrreryControl::pipeName()); // of a run that was killed
-        return server.listen(OrreryControl::pipeName());
+        if (complaint.isEmpty() && !server.listen(OrreryControl::pipeName()))
+            complaint = server.errorString();
+        if (complaint.isEmpty())
+            co_return true;
+        std::fprintf(stderr, "orrery (demonstration): %s\n", qUtf8Printable(complaint));
+        QCoreApplication::exit(1);
+        co_return false;
     }
 
 private:
-    // A request whose answer is not there yet.
-    struct Waiting
-    {
-        QPointer<QLocalSocket> client;
-        QJsonValue id;
-        Answer answer;
-    };
-
     void accept()
     {
         while (QLocalSocket *client = server.nextPendingConnection()) {
@@ -68,93 +62,74 @@ private:
             }
             QObject::connect(client, &QLocalSocket::readyRead, client, [this, client] {
                 while (client->canReadLine())
-                    receive(*client, QJsonDocument::fromJson(client->readLine()).object());
+                    receive(client, QJsonDocument::fromJson(client->readLine()).object());
             });
         }
     }
 
-    void receive(QLocalSocket &client, const QJsonObject &request)
+    void receive(const QPointer<QLocalSocket> &client, const QJsonObject &request)
     {
-        const QJsonValue id = request["id"_L1];
         const QString method = request["method"_L1].toString();
-        if (method == "hello"_L1 || method == "quit"_L1) {
-            send(client,
-                 { { u"id"_s, id },
-                   { u"result"_s, QJsonObject { { u"app"_s, u"Orrery demonstration"_s } } } });
-            if (method == "quit"_L1)
-                QCoreApplication::quit();
+        if (method != "hello"_L1 && method != "quit"_L1) {
+            answer(client, request);
             return;
         }
-        waiting.push_back({ &client, id, call(world, method, request["params"_L1].toObject()) });
-        answerWaiting();
+        const QJsonObject about = object("app"_L1, u"Orrery demonstration"_s);
+        send(client, object("id"_L1, request["id"_L1], "result"_L1, about));
+        if (method == "quit"_L1)
+            QCoreApplication::quit();
     }
 
-    // Sends what is ready; whoever went away gets nothing.
-    void answerWaiting()
+    // The call stays until its tool has ended, also when nobody waits for the answer any more.
+    Later<bool> answer(QPointer<QLocalSocket> client, QJsonObject request)
     {
-        std::erase_if(waiting, [](Waiting &call) {
-            if (!call.client)
-                return true;
-            if (call.answer.later) {
-                std::optional<Answer> answer = call.answer.later();
-                if (!answer)
-                    return false;
-                call.answer = *std::move(answer);
-            }
-            call.answer.body["id"_L1] = call.id;
-            send(*call.client, call.answer.body);
-            return true;
-        });
-    }
-
-    // To those who wait for an answer: nobody else reads.
-    void broadcast(const QString &event, const QJsonObject &detail)
-    {
-        for (const Waiting &call : waiting) {
-            if (call.client)
-                send(*call.client, { { u"method"_s, event }, { u"params"_s, detail } });
-        }
-    }
-
-    void tick()
-    {
-        world.tick();
-        answerWaiting();
+        waiting << client;
+        const auto wanted = [client] { return !client.isNull(); };
+        Call call { world, request["params"_L1].toObject(), wanted, {}, {} };
+        Answer body = co_await Tool::carryOut(request["method"_L1].toString(), call);
+        waiting.removeOne(client);
+        body["id"_L1] = request["id"_L1];
+        send(client, body);
+        co_return true;
     }
 
     QLocalServer server;
-    QTimer timer;
-    World world;
-    std::list<Waiting> waiting;
+    QList<QPointer<QLocalSocket>> waiting; // for an answer: nobody else reads events
+    World world { [this](const QString &event, const QJsonObject &detail) {
+        for (const auto &client : std::as_const(waiting))
+            send(client, object("method"_L1, event, "params"_L1, detail));
+    } };
 };
 
-bool somebodyServes()
+// Why this process cannot serve the pipe; the lock decides between two that start together.
+QString obstacle(QLockFile &lock)
 {
+    if (QDir::temp().filePath(OrreryControl::pipeName()).toLocal8Bit().size() > MaxPathBytes)
+        return u"TMPDIR is too long: the control pipe's path may have %1 bytes"_s.arg(MaxPathBytes);
+    lock.setStaleLockTime(0);
+    const bool locked = lock.tryLock(0);
+    if (lock.error() != QLockFile::NoError && lock.error() != QLockFile::LockFailedError)
+        return "cannot write in "_L1 + QDir::tempPath();
     QLocalSocket probe;
     probe.connectToServer(OrreryControl::pipeName());
-    return probe.waitForConnected(ConnectMs);
+    return locked && !probe.waitForConnected(ConnectMs) ? QString()
+                                                        : u"the control pipe is served already"_s;
 }
 
 } // namespace
 
 int main(int argc, char *argv[])
 {
-    qputenv("QT_QPA_PLATFORM", "offscreen"); // pictures are painted, no window is shown
-    QGuiApplication app(argc, argv);
-
-    // The lock decides between two that start at the same moment.
+    QCoreApplication app(argc, argv);
     QLockFile lock(QDir::temp().filePath(OrreryControl::pipeName() + ".lock"_L1));
-    lock.setStaleLockTime(0);
-    if (!lock.tryLock(0) || somebodyServes()) {
-        std::fputs("orrery (demonstration): the control pipe is served already\n", stderr);
-        return 1;
+    const QString complaint = obstacle(lock);
+    for (const QString &text : { complaint, missingOnHost() }) {
+        if (!text.isEmpty())
+            std::fprintf(stderr, "orrery (demonstration): %s\n", qUtf8Printable(text));
     }
+    if (!complaint.isEmpty())
+        return 1;
     ControlServer server;
-    if (!server.listen()) {
-        std::fputs("orrery (demonstration): cannot serve the control pipe\n", stderr);
-        return 1;
-    }
-    std::puts("orrery (demonstration): serving simulated machines; nothing here is real");
-    std::fflush(stdout);
-    return QGuiApplication::exec();
+    server.serve();
+    return QCoreApplication::exec();
 }

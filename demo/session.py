@@ -1,26 +1,30 @@
 """Plays a client's session through the server, and tells what happens.
 
-usage: session.py FOLDER, where FOLDER holds orrery-mcp and orrery
+usage: session.py FOLDER, where FOLDER holds orrery-mcp, orrery and guest/
 """
 
 import base64
 import json
 import os
 import pathlib
-import queue
 import shutil
 import signal
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 
 PATIENCE_SECONDS = 60
 
 
+def words(values):
+    """Arguments or results for a reader: what there is, machines by their names, no braces."""
+    return ", ".join(f"{name}: {pathlib.Path(value).stem if name == 'id' else value!r}"
+                     for name, value in values.items() if value)
+
+
 class Client:
-    """The least that a client of the protocol is: lines out, lines in, answers found by their id."""
+    """The least that a client of the protocol is: a line out for a request, a line in for its answer."""
 
     def __init__(self, folder, temporary):
         # In a process group of its own, so that Ctrl-C leaves it to end the application.
@@ -29,62 +33,56 @@ class Client:
             env=dict(os.environ, TMPDIR=temporary), process_group=0)
         self.started = time.monotonic()
         self.last_id = 0
-        self.lines = queue.Queue()
-        threading.Thread(target=self.read, daemon=True).start()
-
-    def read(self):
-        for line in self.server.stdout:
-            self.lines.put(json.loads(line))
 
     def tell(self, mark, text):
         print(f"{time.monotonic() - self.started:6.2f} s {mark} {text}", flush=True)
 
-    def send(self, method, params=None, notification=False):
-        message = {"jsonrpc": "2.0", "method": method}
-        if params is not None:
-            message["params"] = params
+    def send(self, method, params, notification=False):
+        message = {"jsonrpc": "2.0", "method": method, "params": params}
         if not notification:
             self.last_id += 1
             message["id"] = self.last_id
-        text = json.dumps(message)
-        self.tell("->", text)
-        self.server.stdin.write(text.encode() + b"\n")
+        self.server.stdin.write(json.dumps(message).encode() + b"\n")
         self.server.stdin.flush()
-        return self.last_id
 
-    def answer(self, wanted):
-        """Waits for the answer to a request, and shows the events that come before it."""
-        while True:
-            message = self.lines.get(timeout=PATIENCE_SECONDS)
+    def answer(self):
+        """Waits for the answer to the last request, and tells the events that come before it."""
+        signal.alarm(PATIENCE_SECONDS)
+        for message in map(json.loads, self.server.stdout):
             if message.get("method") == "notifications/message":
                 detail = message["params"]["data"]["detail"]
-                self.tell("<-", f"event: {detail['name']} {detail['progress']} % {detail['step']}")
-                continue
-            if message["id"] != wanted:
-                raise SystemExit(f"an answer to {message['id']}, not to {wanted}")
-            text = json.dumps(message)
-            self.tell("<-", text if len(text) <= 240 else f"{text[:240]}... ({len(text)} bytes)")
-            return message.get("result")
+                self.tell("<-", f"event: {detail['progress']} % {detail['step']}")
+            elif message["id"] == self.last_id:
+                signal.alarm(0)
+                return message["result"]
+        raise SystemExit("the server has ended")
 
-    def request(self, method, params=None):
-        return self.answer(self.send(method, params))
+    def request(self, method, params):
+        self.send(method, params)
+        return self.answer()
 
     def start_call(self, tool, **arguments):
-        return self.send("tools/call", {"name": tool, "arguments": arguments})
+        self.tell("->", f"{tool} {words(arguments)}")
+        self.send("tools/call", {"name": tool, "arguments": arguments})
 
     def call(self, tool, **arguments):
-        result = self.answer(self.start_call(tool, **arguments))
-        if result["isError"]:
-            raise SystemExit(f"{tool} failed: {result['content'][-1]['text']}")
-        return result["content"]
+        """Gives what a tool answers: the members of its text, and a picture where there is one."""
+        self.start_call(tool, **arguments)
+        result = self.answer()
+        *picture, text = result["content"]
+        members = {"found": False} if result["isError"] else json.loads(text["text"])
+        if members.get("found") is False:
+            raise SystemExit(f"{tool} failed: {text['text']}")
+        if not {"vms", "text"} & members.keys():  # those are told otherwise
+            self.tell("<-", words(members))
+        return members | (picture[0] if picture else {})
 
     def stop(self):
         """Ends what still runs: a call, the application, the server."""
         if self.server.poll() is None:
             self.send("notifications/cancelled", {"requestId": self.last_id}, notification=True)
             self.start_call("quit_app", mode="force")
-            self.server.stdin.close()
-            self.server.wait(PATIENCE_SECONDS)
+            self.server.communicate(timeout=PATIENCE_SECONDS)
 
 
 def step(text):
@@ -94,12 +92,14 @@ def step(text):
 def main(folder):
     for ending in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(ending, lambda number, _: sys.exit(128 + number))
+    signal.signal(signal.SIGALRM, lambda *_: sys.exit(f"no answer within {PATIENCE_SECONDS} s"))
     # An installation of its own, because FOLDER's application may be running for another client; the
     # socket not below it, because its path may be too long for one.
     with tempfile.TemporaryDirectory(prefix="session-", dir=folder) as own, \
             tempfile.TemporaryDirectory(prefix="orrery-demo-", dir="/tmp") as temporary:
         for program in ("orrery-mcp", "orrery"):
             shutil.copy(folder / program, own)
+        (pathlib.Path(own) / "guest").symlink_to((folder / "guest").resolve())
         client = Client(pathlib.Path(own), temporary)
         try:
             play(client, folder)
@@ -108,46 +108,58 @@ def main(folder):
 
 
 def play(client, folder):
-    step("The client introduces itself; both agree on a version of the protocol.")
+    step("A client, the program that an AI works through, connects to the server: what can it do?")
     client.request("initialize", {"protocolVersion": "2025-06-18", "capabilities": {},
                                   "clientInfo": {"name": "demo", "version": "1"}})
-    client.send("notifications/initialized", notification=True)
+    client.send("notifications/initialized", {}, notification=True)
+    tools = [tool["name"] for tool in client.request("tools/list", {})["tools"]]
+    client.tell("<-", f"it offers {len(tools)} tools: {', '.join(tools[:6])}, ...")
 
-    step("It asks what the server can do.")
-    tools = client.request("tools/list")["tools"]
-    print(f"{len(tools)} tools: {', '.join(tool['name'] for tool in tools[:6])}, ...")
-
-    step("The application does not run yet; the server starts it.")
+    step("The application does not run yet. The server starts it; a machine starts with it.")
     client.call("launch_app")
+    machines = client.call("list_vms")["vms"]
+    client.tell("<-", "; ".join(f"{each['name']} is {each['state']}" for each in machines))
+    vm = machines[0]["id"]
 
-    step("A machine is created, as a job. Its progress arrives as events while the client waits.")
-    machine = {"os": "linux", "cpu": 2, "ramGB": 4, "diskGB": 20, "network": "nat",
-               "name": f"demo {os.getpid()}"}
-    job = json.loads(client.call("create_vm", **machine, **{"async": True})[0]["text"])["jobId"]
-    vm = json.loads(client.call("job_wait", jobId=job, timeoutSeconds=30)[0]["text"])["vmId"]
+    step("The machine boots. The client waits for the text on its screen, then logs in by keys.")
+    for wanted, keys in [("login: *$", "demo\n"), ("^Password:", "demo\n"),
+                         (r"\$ *$", "clear; uname -sr; echo $((6 * 7))\n"), ("^42$", ""),
+                         (r"\$ *$", "")]:
+        client.call("wait_for_text", id=vm, pattern=wanted, timeoutSeconds=45)
+        if keys:
+            client.call("send_input", id=vm, type="text", value=keys)
 
-    step("It is started. While a call waits for its screen, a ping is answered at once.")
-    client.call("start_vm", id=vm)
-    waiting = client.start_call("wait_for_text", id=vm, pattern="login:")
-    client.request("ping")
-    client.answer(waiting)
+    step("What its screen shows now, as text and as a picture.")
+    text = client.call("read_console_text", id=vm)["text"]
+    client.tell("<-", text.replace("\n", "\n            "))
+    path = folder / "screen.png"
+    path.write_bytes(base64.b64decode(client.call("capture_screen", id=vm)["data"]))
+    print(f"            The picture is in {path}.")
 
-    step("A picture of its screen, as the AI would get it.")
-    image, _ = client.call("capture_screen", id=vm, format="jpeg")
-    path = folder / "screen.jpeg"
-    path.write_bytes(base64.b64decode(image["data"]))
-    print(f"written to {path}")
+    step("A command without keys and screen, over SSH; it ends with the exit code 3.")
+    client.call("provision_ssh", id=vm)
+    client.call("run_in_guest", id=vm, command="whoami; ls /nowhere; exit 3")
 
-    step("A call that would wait for 45 seconds is cancelled.")
-    waiting = client.start_call("wait_for_text", id=vm, pattern="never shown", timeoutSeconds=45)
-    time.sleep(0.5)  # let it get on its way; what is not in flight cannot be cancelled
-    client.send("notifications/cancelled", {"requestId": waiting}, notification=True)
-    client.answer(waiting)
+    step("The machine is suspended, its memory kept on the disk, and goes on where it was.")
+    client.call("suspend_resume_vm", id=vm)
+    client.call("suspend_resume_vm", id=vm)
+    client.call("wait_for_text", id=vm, pattern="^42$")
 
-    step("The application is ended, and with its input the server.")
+    step("A second machine is made. What is done meanwhile arrives as events.")
+    second = client.call("create_vm", os="linux", name="Second", cpu=1, ramGB=1, diskGB=8, network="nat",
+                         unattended=True, username="ada", password="lovelace")["id"]
+    client.call("start_vm", id=second)
+
+    step("The client waits for something that never comes, and cancels that after a second.")
+    client.start_call("wait_for_text", id=vm, pattern="never shown", timeoutSeconds=45)
+    time.sleep(1)
+    client.send("notifications/cancelled", {"requestId": client.last_id}, notification=True)
+    client.tell("<-", client.answer()["content"][0]["text"])
+
+    step("The application is ended, its machines with it, and the server with its input.")
     client.call("quit_app")
     client.server.stdin.close()
-    print(f"the server ended with status {client.server.wait(PATIENCE_SECONDS)}")
+    print(f"            The server ended with status {client.server.wait(PATIENCE_SECONDS)}")
 
 
 main(pathlib.Path(sys.argv[1]))

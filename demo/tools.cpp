@@ -1,95 +1,90 @@
 #include "tools.h"
 
-#include "arguments.h"
-
-#include <map>
-
 using namespace Qt::StringLiterals;
 
 namespace {
 
-const std::map<QString, Tool> &allTools()
-{
-    static const std::map<QString, Tool> all = [] {
-        std::map<QString, Tool> byName;
-        for (const auto &subject : { hostTools(), machineTools(), hardwareTools(), folderTools(),
-                                     screenTools(), guestTools() }) {
-            for (const Tool &tool : subject)
-                byName.emplace(tool.name, tool);
-        }
-        return byName;
-    }();
-    return all;
-}
+// What the demonstration does without, and why.
+const std::pair<QString, QString> refusedTools[] {
+    { u"networking_install networking_repair networking_uninstall set_linux_network_path"_s,
+      u"the demonstration has no networking service"_s },
+    { u"add_shared_folder remove_shared_folder set_shared_folder_readonly"_s,
+      u"the kernel of Small Linux cannot share folders"_s },
+    { u"set_attach_linux_guest_tools"_s, u"there is no such disc: Small Linux has its tools"_s },
+    { u"reveal_vm set_console_window_size"_s, u"the demonstration shows no windows"_s },
+    { u"set_display_resolution"_s, u"the text screen has a fixed size of 720 x 400 pixels"_s },
+    { u"read_guest_clipboard"_s, u"the guest has no desktop, so no clipboard"_s },
+    { u"list_restore_images"_s, u"this host cannot run macOS"_s },
+    { u"app_status launch_app quit_app"_s, u"the server itself answers this"_s },
+};
 
-std::optional<Answer> refuseUnless(Needs need, const Machine &machine, const QJsonObject &arguments)
+std::optional<Answer> refuse(const QString &needs, const Call &call)
 {
-    const auto refuse = [](bool holds, const QString &code, const QString &message) {
-        return holds ? std::nullopt : std::optional(fail(code, message));
+    if (call.arguments.contains("jobId"_L1) && !call.job)
+        return fail(u"not_found"_s, u"there is no job of this id (list_jobs)"_s);
+    if (call.arguments.contains("id"_L1) && !call.machine)
+        return fail(u"not_found"_s, u"there is no VM of this id (list_vms)"_s);
+    if (!call.machine)
+        return {};
+    const Machine &vm = *call.machine;
+    const QString state = vm.text("state"_L1);
+    const Answer inState
+            = wrongState(u"the VM is %1: see start_vm, stop_vm, suspend_resume_vm"_s.arg(state));
+    const auto notReady = [](const QString &what) { return fail(u"not_ready"_s, what); };
+    const std::tuple<QString, bool, Answer> rules[] {
+        { u"running"_s, state == "running"_L1, inState },
+        { u"stopped"_s, state == "stopped"_L1, inState },
+        { u"unstopped"_s, state != "stopped"_L1, inState },
+        { u"unsuspended"_s, state != "suspended"_L1, inState },
+        { u"installed"_s, vm.flag("installed"_L1),
+          notReady(u"nothing is installed yet (finish_install)"_s) },
+        { u"tools"_s, !vm.text("guestTools"_L1).isEmpty(),
+          notReady(u"it needs apply_guest_tools"_s) },
+        { u"booted"_s, vm.booted, notReady(u"the guest has not booted yet (wait_for_text)"_s) },
+        { u"ssh"_s, vm.flag("sshProvisioned"_L1), notReady(u"it needs provision_ssh"_s) },
+        { u"confirm"_s, call.flag("confirm"_L1), wrong(u"confirm must be true"_s) },
     };
-    const auto mustBe = [&](QLatin1StringView state) {
-        return refuse(
-                machine.is(state), u"wrong_state"_s,
-                u"the VM is %1, but must be %2"_s.arg(machine.text("state"_L1), QString(state)));
-    };
-    const QString os = machine.text("os"_L1);
-    switch (need) {
-    case Needs::Running:
-        return mustBe("running"_L1);
-    case Needs::Stopped:
-        return mustBe("stopped"_L1);
-    case Needs::NotSuspended:
-        return refuse(!machine.is("suspended"_L1), u"wrong_state"_s,
-                      u"the VM is suspended; wake it with suspend_resume_vm"_s);
-    case Needs::NotStopped:
-        return refuse(!machine.is("stopped"_L1), u"wrong_state"_s,
-                      u"the VM is stopped; boot it with start_vm"_s);
-    case Needs::Installed:
-        return refuse(machine.settings["installed"_L1].toBool(), u"not_ready"_s,
-                      u"no system is installed yet (finish_install)"_s);
-    case Needs::Booted:
-        return refuse(machine.hasBooted(), u"not_ready"_s,
-                      u"the guest has not booted yet (wait_for_text)"_s);
-    case Needs::GuestTools:
-        return refuse(!machine.settings["guestTools"_L1].isNull(), u"not_ready"_s,
-                      u"needs the guest tools (apply_guest_tools)"_s);
-    case Needs::Ssh:
-        return refuse(machine.settings["sshProvisioned"_L1].toBool(), u"not_ready"_s,
-                      u"needs SSH (provision_ssh)"_s);
-    case Needs::Linux:
-        return refuse(os == "linux"_L1, u"invalid_argument"_s, u"only for Linux VMs"_s);
-    case Needs::NotMacOS:
-        return refuse(os != "macOS"_L1, u"invalid_argument"_s, u"only for Linux and Windows VMs"_s);
-    case Needs::Confirm:
-        return refuse(arguments["confirm"_L1].toBool(), u"invalid_argument"_s,
-                      u"confirm must be true"_s);
+    for (const auto &[word, holds, refusal] : rules) {
+        if (!holds && needs.split(u' ').contains(word))
+            return refusal;
     }
     return {};
 }
 
 } // namespace
 
-Answer call(World &world, const QString &tool, const QJsonObject &arguments)
+QJsonObject told(const Machine &machine)
 {
-    if (const auto refusal = refuseArguments(tool, arguments))
-        return *refusal;
-    const auto found = allTools().find(tool);
-    if (found == allTools().end())
-        return unavailable(); // of the application's process, which the server manages
-    const auto &[name, needs, run] = found->second;
-    if (const auto *onHost = std::get_if<OnHost>(&run))
-        return (*onHost)(world, arguments);
-    if (const auto *onJob = std::get_if<OnJob>(&run)) {
-        Job *job = world.findJob(arguments["jobId"_L1].toString());
-        return job ? (*onJob)(world, *job, arguments)
-                   : fail(u"not_found"_s, u"there is no job of this id (list_jobs)"_s);
+    QJsonObject settings = machine.settings;
+    for (const auto &own : { "smallLinux"_L1, "account"_L1, "sshUser"_L1 })
+        settings.remove(own);
+    return settings;
+}
+
+QHash<QString, std::pair<QString, Tool::Run>> &Tool::all()
+{
+    static QHash<QString, std::pair<QString, Run>> tools;
+    return tools;
+}
+
+Later<Answer> Tool::carryOut(QString name, Call &call)
+{
+    if (const auto refusal = refuseArguments(name, call.arguments))
+        co_return *refusal;
+    for (const JobPtr &job : std::as_const(call.world.jobs)) {
+        if ((*job)["jobId"_L1] == call.text("jobId"_L1))
+            call.job = job;
     }
-    Machine *machine = world.findMachine(arguments["id"_L1].toString());
-    if (!machine)
-        return fail(u"not_found"_s, u"there is no VM of this id (list_vms)"_s);
-    for (const Needs need : needs) {
-        if (const auto refusal = refuseUnless(need, *machine, arguments))
-            return *refusal;
+    call.machine = call.world.machines.value(call.text("id"_L1));
+    while (call.machine && call.machine->busy)
+        co_await pause(LookMs);
+    call.machine = call.world.machines.value(call.text("id"_L1)); // it may be gone meanwhile
+    const auto [needs, run] = all().value(name);
+    if (const auto refusal = refuse(needs, call))
+        co_return *refusal;
+    for (const auto &[names, why] : refusedTools) {
+        if (names.split(u' ').contains(name))
+            co_return unavailable(why);
     }
-    return std::get<OnMachine>(run)(world, *machine, arguments);
+    co_return co_await run(call);
 }

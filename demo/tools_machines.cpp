@@ -1,221 +1,197 @@
-// Machines from creation to deletion, and the jobs that create them.
+// Machines from their start to their deletion, and what is told of them.
 
+#include "host.h"
 #include "tools.h"
 
-#include <QDateTime>
+#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-
-#include <algorithm>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int ShutdownMs = 1'000;
+constexpr int ShutdownMs = 45'000;
+constexpr int AskAgainMs = 5'000; // a guest that boots does not hear its power button
 constexpr int MaxLogLines = 200;
 
-Answer listVms(World &world, const QJsonObject &)
-{
+const Tool listVms("list_vms", "", [](const Call &call) -> Reply {
     QJsonArray vms;
-    for (const Machine &machine : world.machines)
-        vms.append(machine.pick({ "id"_L1, "name"_L1, "os"_L1, "state"_L1 }));
-    return ok({ { u"vms"_s, vms } });
+    for (const MachinePtr &machine : call.world.machines)
+        vms << machine->pick({ "id"_L1, "name"_L1, "os"_L1, "state"_L1 });
+    return ok("vms"_L1, vms);
+});
+
+const Tool getVm("get_vm", "", [](const Call &call) -> Reply {
+    if (call.machine->qemu)
+        co_await takePicture(call.machine); // for the size of the display
+    co_return ok(told(*call.machine));
+});
+
+Answer stateOf(const Machine &machine, const QString &complaint = {})
+{
+    return complaint.isEmpty() ? ok(machine.pick({ "id"_L1, "state"_L1 }))
+                               : fail(u"failed"_s, complaint);
 }
 
-Answer getVm(World &, Machine &machine, const QJsonObject &) { return ok(machine.settings); }
+const Tool startVm("start_vm", "unsuspended", [](const Call &call) -> Reply {
+    const auto refusal = call.world.refuseStart(*call.machine);
+    if (call.machine->is("running"_L1))
+        co_return stateOf(*call.machine);
+    if (refusal)
+        co_return *refusal;
+    co_return stateOf(*call.machine, co_await call.machine->boot());
+});
 
-QString accountComplaint(const QJsonObject &arguments)
+Reply stopByForce(const Call &call)
 {
-    const auto has = [&](QLatin1StringView name) { return arguments.contains(name); };
-    const QString os = arguments["os"_L1].toString();
-    const bool unattended = arguments["unattended"_L1].toBool();
-    if (unattended && os == "macOS"_L1)
-        return u"unattended is only for os:linux and os:windows"_s;
-    if (unattended && !(has("username"_L1) && has("password"_L1)))
-        return u"unattended:true needs username and password"_s;
-    if (!unattended && (has("username"_L1) || has("password"_L1)))
-        return u"username and password are only for unattended:true"_s;
-    if (!has("userData"_L1) && !has("userDataPath"_L1))
-        return {};
-    if (os != "linux"_L1 || !unattended)
-        return u"user data is only for os:linux with unattended:true"_s;
-    if (has("userData"_L1) && has("userDataPath"_L1))
-        return u"give userData or userDataPath, not both"_s;
-    if (has("userDataPath"_L1) && !QFileInfo(arguments["userDataPath"_L1].toString()).isFile())
-        return u"userDataPath is not a file on the host"_s;
-    return {};
+    if (call.machine->is("suspended"_L1))
+        co_return stateOf(*call.machine, co_await call.machine->dropMemory());
+    if (call.machine->qemu)
+        call.machine->qemu->cutPower();
+    while (call.machine->qemu)
+        co_await pause(LookMs);
+    co_return stateOf(*call.machine);
 }
 
-QString imageComplaint(const QJsonObject &arguments)
-{
-    const bool macOS = arguments["os"_L1].toString() == "macOS"_L1;
-    const QString image = arguments["image"_L1].toString();
-    const QJsonArray images = imagesFor(macOS);
-    const bool listed = std::any_of(images.begin(), images.end(), [&](const QJsonValue &known) {
-        return known["imageId"_L1] == image && known["os"_L1] == arguments["os"_L1];
-    });
-    const QFileInfo file(image);
-    const bool isFile
-            = file.isAbsolute() && file.isFile() && file.suffix() == (macOS ? "ipsw"_L1 : "iso"_L1);
-    if (isFile && arguments["unattended"_L1].toBool())
-        return u"unattended:true needs a listed image (list_images)"_s;
-    return listed || isFile ? QString() : "there is no image for this os: "_L1 + image;
-}
-
-QString creationComplaint(const World &world, const QJsonObject &arguments)
-{
-    const QString name = arguments["name"_L1].toString();
-    if (world.isTaken(name))
-        return u"the name %1 is taken"_s.arg(name);
-    if (const QString complaint = accountComplaint(arguments); !complaint.isEmpty())
-        return complaint;
-    if (arguments.contains("linuxExperience"_L1) && arguments["os"_L1].toString() != "linux"_L1)
-        return u"linuxExperience is only for os:linux"_s;
-    if (arguments.contains("image"_L1)) {
-        if (const QString complaint = imageComplaint(arguments); !complaint.isEmpty())
-            return complaint;
+const Tool stopVm("stop_vm", "", [](const Call &call) -> Reply {
+    if (call.text("mode"_L1) == "force"_L1)
+        co_return co_await stopByForce(call);
+    if (call.machine->is("suspended"_L1))
+        co_return wrongState(u"the VM is suspended; only mode:force stops it"_s);
+    const Later<bool> timeUp = pause(ShutdownMs);
+    Later<bool> askAgain = true;
+    while (call.machine->qemu && !timeUp.isSet() && call.wanted()) {
+        if (askAgain.isSet()) {
+            call.machine->qemu->command(u"system_powerdown"_s);
+            askAgain = pause(AskAgainMs);
+        }
+        co_await pause(LookMs);
     }
-    return hardwareComplaint(arguments);
-}
+    const QString running = u"the guest has not shut down yet (wait_for_state)"_s;
+    co_return stateOf(*call.machine, call.machine->qemu ? running : QString());
+});
 
-Answer createVm(World &world, const QJsonObject &arguments)
-{
-    if (const QString complaint = creationComplaint(world, arguments); !complaint.isEmpty())
-        return wrong(complaint);
-    if (world.lacksNetworking(arguments))
-        return noNetworking();
-    const Job &job = world.startCreation(arguments);
-    if (arguments["async"_L1].toBool())
-        return ok({ { u"jobId"_s, job.status["jobId"_L1] } });
-    return { {}, [&world, &job]() -> std::optional<Answer> {
-                if (job.runs())
-                    return {};
-                const Machine *machine = world.findMachine(job.status["vmId"_L1].toString());
-                return machine ? ok(machine->settings) : unavailable();
-            } };
-}
+const Tool suspendResumeVm("suspend_resume_vm", "unstopped", [](const Call &call) -> Reply {
+    if (!call.machine->is("suspended"_L1))
+        co_return stateOf(*call.machine, co_await call.machine->suspend());
+    if (const auto refusal = call.world.refuseStart(*call.machine))
+        co_return *refusal;
+    co_return stateOf(*call.machine, co_await call.machine->resume());
+});
 
-Answer jobStatus(World &, Job &job, const QJsonObject &) { return ok(job.status); }
+const Tool deleteVm("delete_vm", "stopped confirm", [](const Call &call) -> Reply {
+    call.machine->folder.removeRecursively();
+    call.world.machines.remove(call.text("id"_L1));
+    return ok("id"_L1, call.machine->text("id"_L1), "deleted"_L1, true);
+});
 
-Answer jobWait(World &, Job &job, const QJsonObject &arguments)
-{
-    const qint64 limit = arguments["timeoutSeconds"_L1].toInteger(120) * 1'000;
-    return until(limit, [&job](bool timeUp) -> std::optional<Answer> {
-        if (job.runs() && !timeUp)
-            return {};
-        return ok(job.status);
-    });
-}
+const Tool waitForState("wait_for_state", "", [](const Call &call) -> Reply {
+    const QString target = call.arguments["target"_L1].toString(u"running"_s);
+    const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 45) * 1'000);
+    while (call.machine->text("state"_L1) != target && !timeUp.isSet() && call.wanted()) {
+        if (!call.world.machines.contains(call.machine->text("id"_L1)))
+            co_return fail(u"not_found"_s, u"the VM was deleted"_s);
+        co_await pause(LookMs);
+    }
+    const QString state = call.machine->text("state"_L1);
+    co_return ok("reached"_L1, state == target, "state"_L1, state);
+});
 
-Answer listJobs(World &world, const QJsonObject &)
-{
-    QJsonArray all;
-    for (const Job &job : world.jobs)
-        all.append(job.status);
-    return ok({ { u"jobs"_s, all } });
-}
-
-Answer startVm(World &world, Machine &machine, const QJsonObject &)
-{
-    if (world.lacksNetworking(machine.settings))
-        return noNetworking();
-    if (!machine.is("running"_L1))
-        machine.setState("running"_L1);
-    return ok(machine.pick({ "id"_L1, "state"_L1 }));
-}
-
-Answer stopVm(World &world, Machine &machine, const QJsonObject &arguments)
-{
-    const bool force = arguments["mode"_L1].toString() == "force"_L1;
-    if (machine.is("suspended"_L1) && !force)
-        return fail(u"wrong_state"_s, u"the VM is suspended; only mode:force stops it"_s);
-    const auto stop = [&world, id = machine.text("id"_L1)] {
-        Machine *stopped = world.findMachine(id);
-        if (stopped && !stopped->is("stopped"_L1))
-            stopped->setState("stopped"_L1);
-        return ok({ { u"id"_s, id }, { u"state"_s, u"stopped"_s } });
+const Tool getDiagnostics("get_diagnostics", "", [](const Call &call) -> Reply {
+    const Machine &machine = *call.machine;
+    const bool runs = machine.qemu != nullptr;
+    QJsonArray checks;
+    const auto check = [&checks](const QString &name, bool holds, const QString &remedy) {
+        const QString advice = holds ? QString() : remedy;
+        checks << object("name"_L1, name, "ok"_L1, holds, "advice"_L1, advice);
     };
-    return force || machine.is("stopped"_L1) ? stop() : after(ShutdownMs, stop);
-}
+    check(u"host"_s, missingOnHost().isEmpty(), missingOnHost());
+    check(u"memory"_s, runs || !call.world.refuseStart(machine), u"Stop another VM."_s);
+    check(u"disk"_s, freeDiskGB(call.world.place) > 0, "Free space in "_L1 + call.world.place);
+    check(u"acceleration"_s, !runs || machine.accelerated, u"This host has no KVM: it is slow."_s);
+    check(u"system"_s, machine.flag("installed"_L1), u"Use finish_install."_s);
+    check(u"guest tools"_s, !runs || machine.booted, u"Wait for the guest's login."_s);
+    return ok("state"_L1, machine.settings["state"_L1], "uptimeSeconds"_L1,
+              runs ? machine.started.elapsed() / 1'000 : 0, "checks"_L1, checks, "lastError"_L1,
+              machine.lastError.isEmpty() ? QJsonValue() : machine.lastError);
+});
 
-Answer suspendResumeVm(World &, Machine &machine, const QJsonObject &)
-{
-    machine.setState(machine.is("running"_L1) ? "suspended"_L1 : "running"_L1);
-    return ok(machine.pick({ "id"_L1, "state"_L1 }));
-}
-
-Answer deleteVm(World &world, Machine &machine, const QJsonObject &)
-{
-    const QString id = machine.text("id"_L1);
-    world.machines.remove_if([&](const Machine &other) { return &other == &machine; });
-    return ok({ { u"id"_s, id }, { u"deleted"_s, true } });
-}
-
-Answer waitForState(World &world, Machine &machine, const QJsonObject &arguments)
-{
-    const QString target = arguments["target"_L1].toString(u"running"_s);
-    return world.watch(
-            machine, arguments["timeoutSeconds"_L1].toInt(45),
-            [target](const Machine &now, bool timeUp) -> std::optional<Answer> {
-                const bool reached = now.text("state"_L1) == target;
-                if (!reached && !timeUp)
-                    return {};
-                return ok({ { u"reached"_s, reached }, { u"state"_s, now.settings["state"_L1] } });
-            });
-}
-
-Answer getDiagnostics(World &, Machine &machine, const QJsonObject &)
-{
-    const bool tools = !machine.settings["guestTools"_L1].isNull();
-    const QJsonObject check { { u"name"_s, u"guest tools"_s },
-                              { u"ok"_s, tools },
-                              { u"advice"_s, tools ? QString() : u"Run apply_guest_tools."_s } };
-    const qint64 uptimeMs = machine.is("running"_L1) ? machine.started.elapsed() : 0;
-    return ok({ { u"state"_s, machine.settings["state"_L1] },
-                { u"uptimeSeconds"_s, uptimeMs / 1'000 },
-                { u"checks"_s, QJsonArray { check } },
-                { u"lastError"_s, QJsonValue::Null } });
-}
-
-Answer tailLog(World &, Machine &machine, const QJsonObject &arguments)
-{
-    const QRegularExpression pattern(arguments["grep"_L1].toString());
+const Tool tailLog("tail_log", "", [](const Call &call) -> Reply {
+    const QRegularExpression pattern(call.text("grep"_L1));
     const auto oldest = QDateTime::currentDateTimeUtc().addSecs(
-            -arguments["sinceSeconds"_L1].toInteger(1'000'000'000));
+            -call.arguments["sinceSeconds"_L1].toInteger(1'000'000'000));
     QJsonArray lines;
-    for (const QString &line : std::as_const(machine.log)) {
-        const QString time = line.section(u' ', 0, 0);
-        const QString text = line.section(u' ', 1);
-        if (pattern.match(text).hasMatch() && QDateTime::fromString(time, Qt::ISODate) >= oldest)
-            lines.append(QJsonObject { { u"time"_s, time }, { u"text"_s, text } });
+    for (const auto &[time, text] : call.machine->log) {
+        if (pattern.match(text).hasMatch() && time >= oldest)
+            lines.append(object("time"_L1, time.toString(Qt::ISODateWithMs), "text"_L1, text));
     }
     while (lines.size() > MaxLogLines)
         lines.removeFirst();
-    return ok({ { u"lines"_s, lines } });
+    return ok("lines"_L1, lines);
+});
+
+const Tool setHardware("set_hardware", "stopped", [](const Call &call) -> Reply {
+    if (call.arguments.size() < 2)
+        return wrong(u"give at least one setting to change"_s);
+    QJsonObject changed = call.machine->settings;
+    for (auto it = call.arguments.begin(); it != call.arguments.end(); ++it)
+        changed[it.key()] = it.value();
+    if (const auto refusal = refuseHardware(changed))
+        return *refusal;
+    call.machine->settings = changed;
+    return ok(told(*call.machine));
+});
+
+const Tool resizeDisk("resize_disk", "stopped confirm", [](const Call &call) -> Reply {
+    const int size = call.arguments["newGB"_L1].toInt();
+    if (size <= call.machine->settings["diskGB"_L1].toInt())
+        co_return wrong(u"a disk can only grow"_s);
+    const Flag works(call.machine->busy);
+    const Outcome grown = co_await call.machine->diskTool(u"resize -q disk.qcow2 %1G"_s.arg(size));
+    if (!grown.succeeded())
+        co_return fail(u"failed"_s, grown.words());
+    call.machine->settings["diskGB"_L1] = size;
+    co_return ok(call.machine->pick({ "id"_L1, "diskGB"_L1 }));
+});
+
+const Tool setInstallerMedia("set_installer_media", "stopped", [](const Call &call) -> Reply {
+    const QFileInfo file(call.text("path"_L1));
+    if (!file.isAbsolute() || !file.isFile() || !file.isReadable() || file.suffix() != "iso"_L1)
+        return wrong(u"path is not a readable .iso file on the host"_s);
+    call.machine->settings["installerMedia"_L1] = file.filePath();
+    return ok(told(*call.machine));
+});
+
+// Whether the disk begins as one that a PC boots from; Small Linux does without.
+Later<bool> hasBootSector(MachinePtr machine)
+{
+    QFile sector(machine->folder.filePath(u"sector"_s));
+    co_await machine->diskTool(u"dd -f qcow2 -O raw bs=512 count=1 if=disk.qcow2 of=sector"_s);
+    co_return sector.open(QIODevice::ReadOnly) && sector.readAll().endsWith("\x55\xaa");
 }
 
-Answer revealVm(World &, Machine &, const QJsonObject &) { return unavailable(); }
+const Tool finishInstall("finish_install", "stopped", [](const Call &call) -> Reply {
+    QJsonObject &settings = call.machine->settings;
+    const Flag works(call.machine->busy);
+    const bool otherSystem = co_await hasBootSector(call.machine);
+    const bool small = settings["smallLinux"_L1].toBool() && !otherSystem;
+    settings["smallLinux"_L1] = small;
+    settings["guestTools"_L1] = small ? QJsonValue(guestToolsVersion) : QJsonValue();
+    settings["installed"_L1] = true;
+    settings["installerMedia"_L1] = QJsonValue::Null;
+    co_return ok(told(*call.machine));
+});
+
+const Tool hostCapabilities("host_capabilities", "", [](const Call &call) -> Reply {
+    return ok("maxCpu"_L1, hostProcessors(), "maxRamGB"_L1, hostMemoryGB(), "freeDiskGB"_L1,
+              freeDiskGB(call.world.place), "nestedVirt"_L1, false, "rosetta"_L1, false,
+              "bridgeInterfaces"_L1, QJsonArray());
+});
+
+const Tool networkingStatus("networking_status", "", [](const Call &) -> Reply {
+    return ok("installed"_L1, false, "running"_L1, false, "version"_L1, QJsonValue(), "problems"_L1,
+              QJsonArray());
+});
 
 } // namespace
-
-std::vector<Tool> machineTools()
-{
-    using enum Needs;
-    return {
-        { "list_vms"_L1, {}, listVms },
-        { "get_vm"_L1, {}, getVm },
-        { "create_vm"_L1, {}, createVm },
-        { "job_status"_L1, {}, jobStatus },
-        { "job_wait"_L1, {}, jobWait },
-        { "list_jobs"_L1, {}, listJobs },
-        { "start_vm"_L1, { NotSuspended }, startVm },
-        { "stop_vm"_L1, {}, stopVm },
-        { "suspend_resume_vm"_L1, { NotStopped }, suspendResumeVm },
-        { "delete_vm"_L1, { Stopped, Confirm }, deleteVm },
-        { "wait_for_state"_L1, {}, waitForState },
-        { "get_diagnostics"_L1, {}, getDiagnostics },
-        { "tail_log"_L1, {}, tailLog },
-        { "reveal_vm"_L1, {}, revealVm },
-    };
-}

@@ -1,167 +1,171 @@
-// A machine's screen, and input to it.
+// What a machine's screen shows.
 
-#include "screen.h"
 #include "tools.h"
 
-#include <QRect>
+#include <QBuffer>
+#include <QFile>
 #include <QRegularExpression>
+#include <QTemporaryFile>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int MaxActions = 100;
-const QStringList keyNames { u"enter"_s, u"tab"_s,    u"escape"_s, u"space"_s,  u"backspace"_s,
-                             u"up"_s,    u"delete"_s, u"insert"_s, u"down"_s,   u"left"_s,
-                             u"right"_s, u"home"_s,   u"end"_s,    u"pageup"_s, u"pagedown"_s };
-const QStringList modifierNames { u"ctrl"_s, u"shift"_s, u"alt"_s, u"meta"_s };
-const QStringList pointedTypes { u"click"_s, u"double"_s, u"move"_s, u"drag"_s };
+constexpr QSize TextMode(720, 400); // of 80 columns; text mode alone has it
+constexpr int Columns = 80;
+constexpr qsizetype TextBytes = 0x8000;
+constexpr int PollMs = 20;
+constexpr int ReadAgainMs = 300;
+constexpr QStringView Glyphs // of VGA's font, by their codes
+        = u" ☺☻♥♦♣♠•◘○◙♂♀♪♫☼►◄↕‼¶§▬↨↑↓→←∟↔▲▼ !\"#$%&'()*+,-./0123456789:;<=>?@ABCDEFGHIJKLMNOPQRST"
+          "UVWXYZ[\\]^_`abcdefghijklmnopqrstuvwxyz{|}~"
+          "⌂ÇüéâäàåçêëèïîìÄÅÉæÆôöòûùÿÖÜ¢£¥₧ƒáíóúñÑªº¿⌐¬½¼"
+          "¡«»░▒▓│┤╡╢╖╕╣║╗╝╜╛┐└┴┬├─┼╞╟╚╔╩╦╠═╬╧╨╤╥╙╘╒╓╫╪┘┌█▄▌▐▀αßΓπΣσµτΦΘΩδ∞φε∩≡±≥≤⌠⌡÷≈°∙·√ⁿ²■ ";
+static_assert(Glyphs.size() == 256);
 
-Answer setConsoleWindowSize(World &, Machine &, const QJsonObject &arguments)
+// Of "portb[0x03d5] = 4f".
+int portValue(const QJsonObject &answer)
 {
-    return ok({ { u"width"_s, arguments["width"_L1] }, { u"height"_s, arguments["height"_L1] } });
+    return answer["return"_L1].toString().trimmed().section(u' ', -1).toInt(nullptr, 16);
 }
 
-Answer setDisplayResolution(World &, Machine &machine, const QJsonObject &arguments)
+QStringList linesOf(const QByteArray &memory, qsizetype start, qsizetype rows)
 {
-    const QJsonObject size { { u"width"_s, arguments["width"_L1] },
-                             { u"height"_s, arguments["height"_L1] } };
-    machine.settings["display"_L1] = size;
-    return ok(size);
-}
-
-Answer capture(World &, Machine &machine, const QJsonObject &arguments)
-{
-    QString error;
-    const auto picture = captureScreen(machine, arguments, &error);
-    return picture ? ok(*picture) : wrong(error);
-}
-
-QStringList linesMatching(const Machine &machine, const QJsonValue &pattern)
-{
-    static const QRegularExpression trailingBlanks(u"\\s+$"_s);
-    QStringList lines = machine.screenLines();
-    lines.replaceInStrings(trailingBlanks, QString());
+    static const QRegularExpression blanksAtEnd(u" +$"_s);
+    QStringList lines;
+    for (qsizetype cell = 0; cell < rows * Columns; ++cell) {
+        if (cell % Columns == 0)
+            lines << QString();
+        lines.last() += Glyphs[static_cast<uchar>(memory[2 * (start + cell) % TextBytes])];
+    }
+    lines.replaceInStrings(blanksAtEnd, QString());
     while (!lines.isEmpty() && lines.last().isEmpty())
         lines.removeLast();
-    return lines.filter(QRegularExpression(pattern.toString()));
+    return lines;
 }
 
-Answer readConsoleText(World &, Machine &machine, const QJsonObject &arguments)
+QByteArray contents(const QString &path)
 {
-    const QStringList lines = linesMatching(machine, arguments["pattern"_L1]);
-    return ok({ { u"text"_s, lines.join(u'\n') }, { u"lines"_s, lines.size() } });
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-Answer waitForText(World &world, Machine &machine, const QJsonObject &arguments)
+// What the screen shows in VGA's text mode, exactly, without blanks at the ends of lines and blank
+// lines at the end. Nothing where it is graphical, or the machine has ended.
+Later<std::optional<QStringList>> readText(MachinePtr machine)
 {
-    return world.watch(
-            machine, arguments["timeoutSeconds"_L1].toInt(45),
-            [pattern = arguments["pattern"_L1]](const Machine &now,
-                                                bool timeUp) -> std::optional<Answer> {
-                if (!now.is("running"_L1))
-                    return fail(u"wrong_state"_s, "the VM is now "_L1 + now.text("state"_L1));
-                const QStringList lines = linesMatching(now, pattern);
-                if (lines.isEmpty() && !timeUp)
-                    return {};
-                return ok({ { u"found"_s, !lines.isEmpty() }, { u"line"_s, lines.value(0) } });
-            });
-}
-
-QString keyComplaint(const QString &key)
-{
-    static const QRegularExpression functionKey(u"^f([1-9]|1[0-2])$"_s);
-    const bool known
-            = key.size() == 1 || keyNames.contains(key) || functionKey.match(key).hasMatch();
-    return known ? QString() : "there is no key "_L1 + key;
-}
-
-// What one action lacks; empty when it can be done on a screen of that size.
-QString actionComplaint(const QJsonObject &action, const QSize &screen, double imageScale)
-{
-    const QString type = action["type"_L1].toString();
-    const auto off = [&](QLatin1StringView x, QLatin1StringView y) {
-        return !QRect({}, screen)
-                        .contains(int(action[x].toInt(-1) / imageScale),
-                                  int(action[y].toInt(-1) / imageScale));
-    };
-    const bool pointed
-            = pointedTypes.contains(type) || action.contains("x"_L1) || action.contains("y"_L1);
-    if (pointed && off("x"_L1, "y"_L1))
-        return type + " needs x and y inside the screen"_L1;
-    if (type == "drag"_L1 && off("toX"_L1, "toY"_L1))
-        return u"drag needs toX and toY inside the screen"_s;
-    if (type == "scroll"_L1 && !action.contains("dy"_L1))
-        return u"scroll needs dy"_s;
-    if (type == "text"_L1 && !action.contains("value"_L1))
-        return u"text needs value"_s;
-    const QJsonArray held = action["modifiers"_L1].toArray();
-    for (const QJsonValue &modifier : held) {
-        if (!modifierNames.contains(modifier.toString()))
-            return "there is no modifier "_L1 + modifier.toString();
+    const QImage picture = co_await takePicture(machine);
+    while (machine->screenIsRead)
+        co_await pause(PollMs);
+    if (picture.size() != TextMode || !machine->qemu)
+        co_return std::nullopt;
+    const Flag reads(machine->screenIsRead);
+    Qemu &qemu = *machine->qemu;
+    // The registers of the CRT controller are read through its index, which is the guest's: the
+    // guest stands still meanwhile, and finds the index as it was.
+    qemu.command(u"stop"_s);
+    const Later<QJsonObject> index = qemu.monitor(u"i/b 0x3d4"_s);
+    const Later<QJsonObject> high = qemu.monitor(u"i/b 0x3d4.12"_s);
+    const Later<QJsonObject> low = qemu.monitor(u"i/b 0x3d4.13"_s);
+    const Later<QJsonObject> cellHeight = qemu.monitor(u"i/b 0x3d4.9"_s);
+    const Later<QJsonObject> saved = qemu.monitor(u"pmemsave 0xb8000 0x8000 text"_s);
+    const QString restore = u"o/b 0x3d4 %1"_s.arg(portValue(co_await index));
+    if (machine->qemu) {
+        machine->qemu->monitor(restore);
+        machine->qemu->command(u"cont"_s);
     }
-    return type == "key"_L1 ? keyComplaint(action["key"_L1].toString()) : QString();
+    const int start = portValue(co_await high) * 0x100 + portValue(co_await low);
+    const int rows = TextMode.height() / ((portValue(co_await cellHeight) & 0x1f) + 1);
+    co_await saved;
+    const QByteArray memory = contents(machine->folder.filePath(u"text"_s));
+    co_return memory.size() < TextBytes ? std::nullopt
+                                        : std::optional(linesOf(memory, start, rows));
 }
 
-QString inputComplaint(const QJsonObject &arguments, const QJsonArray &actions, const QSize &screen)
+const Tool captureScreen("capture_screen", "running", [](const Call &call) -> Reply {
+    co_return captured(co_await takePicture(call.machine), call.arguments);
+});
+
+Answer refuseText(const Machine &machine)
 {
-    if (arguments.contains("type"_L1) == arguments.contains("actions"_L1))
-        return u"give either type or actions"_s;
-    for (const auto &ofCapture : { "captureDelayMs"_L1, "region"_L1, "scale"_L1, "format"_L1 }) {
-        if (arguments.contains(ofCapture) && !arguments["captureAfter"_L1].toBool())
-            return ofCapture + " is only for captureAfter:true"_L1;
-    }
-    if (actions.isEmpty() || actions.size() > MaxActions)
-        return u"actions must have 1 to %1 elements"_s.arg(MaxActions);
-    const double imageScale = arguments["imageScale"_L1].toDouble(1);
-    for (const QJsonValue &action : actions) {
-        const QString complaint = actionComplaint(action.toObject(), screen, imageScale);
-        if (!complaint.isEmpty())
-            return complaint;
-    }
-    QString complaint;
-    askedRegion(arguments, { {}, screen }, &complaint);
-    return complaint;
+    return machine.is("running"_L1)
+                   ? unavailable(u"the screen is graphical; look at it with capture_screen"_s)
+                   : wrongState("the VM is now "_L1 + machine.text("state"_L1));
 }
 
-Answer sendInput(World &world, Machine &machine, const QJsonObject &arguments)
-{
-    const QJsonArray actions = arguments.contains("type"_L1) ? QJsonArray { arguments }
-                                                             : arguments["actions"_L1].toArray();
-    const QString complaint = inputComplaint(arguments, actions, machine.display());
-    if (!complaint.isEmpty())
-        return wrong(complaint);
-    for (const QJsonValue &action : actions) {
-        if (action["type"_L1].toString() == "text"_L1)
-            machine.typed += action["value"_L1].toString();
-        else if (action["key"_L1].toString() == "enter"_L1)
-            machine.typed += u"\n$ "_s;
+const Tool readConsoleText("read_console_text", "running", [](const Call &call) -> Reply {
+    const auto text = co_await readText(call.machine);
+    if (!text)
+        co_return refuseText(*call.machine);
+    const QStringList lines = text->filter(QRegularExpression(call.text("pattern"_L1)));
+    co_return ok("text"_L1, lines.join(u'\n'), "lines"_L1, lines.size());
+});
+
+const Tool waitForText("wait_for_text", "running", [](const Call &call) -> Reply {
+    const QRegularExpression pattern(call.text("pattern"_L1));
+    const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 45) * 1'000);
+    while (call.wanted()) {
+        const bool last = timeUp.isSet();
+        const auto text = co_await readText(call.machine);
+        if (!call.machine->is("running"_L1) || (last && !text))
+            co_return refuseText(*call.machine);
+        const QStringList lines = text ? text->filter(pattern) : QStringList();
+        if (last || !lines.isEmpty())
+            co_return ok("found"_L1, !lines.isEmpty(), "line"_L1,
+                         lines.isEmpty() ? QJsonValue() : lines[0]);
+        co_await pause(ReadAgainMs);
     }
-    const bool captureAfter = arguments["captureAfter"_L1].toBool();
-    const qint64 duration = actions.size() * arguments["delayMs"_L1].toInteger(50)
-                            + (captureAfter ? arguments["captureDelayMs"_L1].toInteger(500) : 0);
-    return after(duration, [=, &world, id = machine.text("id"_L1), done = actions.size()] {
-        const Machine *shown = captureAfter ? world.findMachine(id) : nullptr;
-        QString error;
-        auto result = shown ? captureScreen(*shown, arguments, &error) : QJsonObject();
-        if (!result)
-            return wrong(error);
-        result->insert("actions"_L1, done);
-        return ok(*result);
-    });
-}
+    co_return {};
+});
 
 } // namespace
 
-std::vector<Tool> screenTools()
+Later<QImage> takePicture(MachinePtr machine)
 {
-    using enum Needs;
-    return {
-        { "set_console_window_size"_L1, { Running }, setConsoleWindowSize },
-        { "set_display_resolution"_L1, { Running, GuestTools }, setDisplayResolution },
-        { "capture_screen"_L1, { Running }, capture },
-        { "read_console_text"_L1, { Running }, readConsoleText },
-        { "wait_for_text"_L1, { Running }, waitForText },
-        { "send_input"_L1, { Running }, sendInput },
-    };
+    while (machine->screenIsRead)
+        co_await pause(PollMs);
+    const Flag reads(machine->screenIsRead);
+    if (!machine->qemu)
+        co_return {};
+    co_await machine->qemu->command(u"screendump"_s, object("filename"_L1, u"screen"_s));
+    const QImage image = QImage::fromData(contents(machine->folder.filePath(u"screen"_s)));
+    if (!image.isNull() && machine->qemu)
+        machine->settings["display"_L1]
+                = object("width"_L1, image.width(), "height"_L1, image.height());
+    co_return machine->qemu ? image : QImage();
+}
+
+Answer captured(const QImage &screen, const QJsonObject &arguments)
+{
+    const QJsonArray asked = arguments["region"_L1].toArray();
+    const QRectF part(asked[0].toDouble(), asked[1].toDouble(), asked[2].toDouble(),
+                      asked[3].toDouble());
+    const QRect region = arguments.contains("region"_L1) ? part.toRect() : screen.rect();
+    if (screen.isNull())
+        return wrongState(u"the VM has stopped"_s);
+    if (region.isEmpty() || !screen.rect().contains(region) || asked.size() % 4 != 0)
+        return wrong(u"region must be [x, y, width, height] inside the screen"_s);
+    const double scale = arguments["scale"_L1].toDouble(1);
+    const QSize size = (QSizeF(region.size()) * scale).toSize().expandedTo({ 1, 1 });
+    const QImage picture
+            = screen.copy(region).scaled(size, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    const QString format = arguments["format"_L1].toString(u"png"_s);
+    QBuffer bytes;
+    bytes.open(QIODevice::WriteOnly);
+    if (!picture.save(&bytes, format.toLatin1().constData()))
+        return fail(u"failed"_s, "this host cannot write the format "_L1 + format);
+    QJsonObject result = object("format"_L1, format, "width"_L1, size.width(), "height"_L1,
+                                size.height(), "scale"_L1, scale, "displayWidth"_L1, screen.width(),
+                                "displayHeight"_L1, screen.height());
+    if (arguments["output"_L1].toString() != "file"_L1) {
+        result["imageBase64"_L1] = QString::fromLatin1(bytes.data().toBase64());
+        return ok(result);
+    }
+    // Only the user may read it, under a name that nobody else can have taken before.
+    QTemporaryFile file(QDir::temp().filePath(u"orrery-demo-XXXXXX."_s + format));
+    file.setAutoRemove(false);
+    if (!file.open() || file.write(bytes.data()) != bytes.size() || !file.flush())
+        return fail(u"failed"_s, "cannot write a picture: "_L1 + file.errorString());
+    result["path"_L1] = file.fileName();
+    return ok(result);
 }

@@ -1,169 +1,169 @@
 #include "world.h"
 
-#include <algorithm>
+#include "host.h"
+
+#include <QFileInfo>
+#include <QJsonDocument>
+
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int JobStepMs = 400;
-constexpr auto JobSteps = { "checking the image", "making the disk",    "copying the system",
-                            "copying the system", "setting up devices", "finishing" };
+constexpr qint64 LeastFreeGB = 1;
 
-QString newestImage(const QString &os)
+QJsonObject settingsOf(const QJsonObject &arguments, const QString &folder)
 {
-    const QJsonArray images = imagesFor(os == "macOS"_L1);
-    const auto found = std::find_if(images.begin(), images.end(),
-                                    [&](const auto &image) { return image["os"_L1] == os; });
-    return found == images.end() ? QString() : (*found)["imageId"_L1].toString();
+    QJsonObject all = QJsonDocument::fromJson(R"({
+        "state": "stopped", "network": "nat", "bridgeInterface": null, "nestedVirt": false,
+        "rosetta": false, "linuxNetworkDriver": null, "installerMedia": null, "guestTools": null,
+        "attachLinuxGuestTools": false, "sshProvisioned": false, "sharedFolders": [],
+        "display": { "width": 720, "height": 400 } })")
+                              .object();
+    for (const auto &chosen : { "name"_L1, "os"_L1, "cpu"_L1, "ramGB"_L1, "diskGB"_L1 })
+        all[chosen] = arguments[chosen];
+    const QString image = arguments["image"_L1].toString(smallLinux);
+    const bool installed = arguments["unattended"_L1].toBool();
+    all["id"_L1] = folder;
+    all["installed"_L1] = installed;
+    if (all["os"_L1] == "linux"_L1)
+        all["linuxNetworkDriver"_L1] = u"builtin"_s;
+    all[installed ? "guestTools"_L1 : "installerMedia"_L1] = installed ? guestToolsVersion : image;
+    all["smallLinux"_L1] = image == smallLinux; // from here on what is not told
+    all["account"_L1] = arguments["username"_L1];
+    return all;
 }
 
 } // namespace
 
-QJsonArray imagesFor(bool macOS)
-{
-    const auto image = [](const QString &id, const QString &os, const QString &version, bool here) {
-        return QJsonObject { { u"imageId"_s, id },
-                             { u"os"_s, os },
-                             { u"version"_s, version },
-                             { u"downloaded"_s, here } };
-    };
-    if (macOS)
-        return { image(u"macos-15.1"_s, u"macOS"_s, u"15.1"_s, true),
-                 image(u"macos-14.6"_s, u"macOS"_s, u"14.6"_s, false) };
-    return { image(u"ubuntu-24.04"_s, u"linux"_s, u"Ubuntu 24.04"_s, false),
-             image(u"debian-12"_s, u"linux"_s, u"Debian 12"_s, true),
-             image(u"windows-11"_s, u"windows"_s, u"Windows 11"_s, false) };
-}
-
-QStringList bridgeInterfaces() { return { u"eth0"_s, u"wlan0"_s }; }
-
-QString hardwareComplaint(const QJsonObject &settings)
+std::optional<Answer> refuseHardware(const QJsonObject &settings)
 {
     const bool linux = settings["os"_L1].toString() == "linux"_L1;
+    const bool rosetta = settings["rosetta"_L1].toBool();
     const bool bridged = settings["network"_L1].toString() == "bridge"_L1;
     const QString driver = settings["linuxNetworkDriver"_L1].toString();
-    const QString bridge = settings["bridgeInterface"_L1].toString();
-    if (!linux && (settings["rosetta"_L1].toBool() || !driver.isEmpty()))
-        return u"rosetta and linuxNetworkDriver are only for os:linux"_s;
-    if (settings["rosetta"_L1].toBool())
-        return u"this host has no rosetta (host_capabilities)"_s;
-    if (!bridge.isEmpty() && !bridged)
-        return u"bridgeInterface is only for network:bridge"_s;
-    if (!bridge.isEmpty() && !bridgeInterfaces().contains(bridge))
-        return u"there is no interface %1 (host_capabilities)"_s.arg(bridge);
+    if (!linux && (rosetta || !driver.isEmpty()))
+        return wrong(u"rosetta and linuxNetworkDriver are only for os:linux"_s);
+    if (!settings["bridgeInterface"_L1].toString().isEmpty() && !bridged)
+        return wrong(u"bridgeInterface is only for network:bridge"_s);
+    if (rosetta || settings["nestedVirt"_L1].toBool() || bridged
+        || !(driver.isEmpty() || driver == "builtin"_L1))
+        return unavailable(
+                u"there are only network:nat and the builtin driver, no rosetta, no nestedVirt"_s);
     return {};
 }
 
-bool Job::runs() const { return status["state"_L1].toString() == "running"_L1; }
+bool runs(const JobPtr &job) { return (*job)["state"_L1] == "running"_L1; }
 
-World::World(EventSink eventSink) : sink(std::move(eventSink))
+World::~World()
 {
-    const auto add = [this](const QString &os, const QString &name, const auto &state, bool tools) {
-        addMachine({ { u"os"_s, os },
-                     { u"name"_s, name },
-                     { u"cpu"_s, 4 },
-                     { u"ramGB"_s, 8 },
-                     { u"diskGB"_s, 64 },
-                     { u"network"_s, u"nat"_s },
-                     { u"unattended"_s, tools } })
-                .setState(state);
-    };
-    add(u"linux"_s, u"Debian 12"_s, "running"_L1, true);
-    add(u"windows"_s, u"Windows 11"_s, "stopped"_L1, false);
-    add(u"macOS"_s, u"macOS 15"_s, "suspended"_L1, true);
+    for (const MachinePtr &machine : std::as_const(machines)) // some call may still hold it
+        machine->qemu.reset();
+    if (!place.isEmpty())
+        QDir(place).removeRecursively();
 }
 
-Machine *World::findMachine(const QString &id)
+QString World::open()
 {
-    const auto it = std::find_if(machines.begin(), machines.end(), [&](const Machine &machine) {
-        return machine.text("id"_L1) == id;
-    });
-    return it == machines.end() ? nullptr : &*it;
+    const QString path = QDir::temp().filePath(u"orrery-demo-%1"_s.arg(getuid()));
+    const QFileInfo left(path);
+    if (left.isSymLink() || (left.exists() && !(left.isDir() && left.ownerId() == getuid())))
+        return path + " is in the way, and no folder of ours"_L1;
+    QDir(path).removeRecursively(); // follows no links
+    using enum QFileDevice::Permission;
+    if (!QDir().mkdir(path, ReadOwner | WriteOwner | ExeOwner))
+        return "cannot make the folder "_L1 + path;
+    place = path;
+    return {};
 }
 
-Job *World::findJob(const QString &jobId)
+Later<bool> World::begin()
 {
-    const auto it = std::find_if(jobs.begin(), jobs.end(),
-                                 [&](const Job &job) { return job.status["jobId"_L1] == jobId; });
-    return it == jobs.end() ? nullptr : &*it;
-}
-
-Machine &World::addMachine(QJsonObject arguments)
-{
-    const QString os = arguments["os"_L1].toString();
-    if (!arguments.contains("image"_L1))
-        arguments["image"_L1] = newestImage(os);
-    if (!arguments.contains("bridgeInterface"_L1))
-        arguments["bridgeInterface"_L1] = bridgeInterfaces().first();
-    machines.push_back(Machine::created(arguments));
-    return machines.back();
+    if (!missingOnHost().isEmpty())
+        co_return false;
+    const JobPtr job
+            = startCreation(object("os"_L1, u"linux"_s, "name"_L1, u"Demo Linux"_s, "cpu"_L1, 1,
+                                   "ramGB"_L1, 1, "diskGB"_L1, 8, "unattended"_L1, true,
+                                   "username"_L1, u"demo"_s, "password"_L1, u"demo"_s));
+    while (runs(job))
+        co_await pause(1);
+    jobs.clear(); // nobody asked for it
+    if (!machines.empty())
+        co_await machines.first()->boot();
+    co_return true;
 }
 
 bool World::isTaken(const QString &name) const
 {
-    return std::any_of(machines.begin(), machines.end(),
-                       [&](const Machine &machine) { return machine.text("name"_L1) == name; })
-           || std::any_of(jobs.begin(), jobs.end(), [&](const Job &job) {
-                  return job.runs() && job.status["name"_L1] == name;
-              });
+    bool taken = false;
+    for (const MachinePtr &machine : machines)
+        taken |= machine->text("name"_L1) == name;
+    for (const JobPtr &job : jobs)
+        taken |= runs(job) && (*job)["name"_L1] == name;
+    return taken;
 }
 
-bool World::lacksNetworking(const QJsonObject &settings) const
+std::optional<Answer> World::refuseStart(const Machine &machine) const
 {
-    return !networkingInstalled
-           && (settings["network"_L1].toString() == "bridge"_L1
-               || settings["linuxNetworkDriver"_L1].toString() == "service"_L1);
+    const int wanted = machine.settings["ramGB"_L1].toInt();
+    int given = 0;
+    for (const MachinePtr &other : machines)
+        given += other->qemu ? other->settings["ramGB"_L1].toInt() : 0;
+    const int left = std::max(0, std::min(hostMemoryGB() - given, availableMemoryGB()));
+    if (wanted <= left)
+        return {};
+    const QString lack = u"it needs %1 GiB of memory, and the host has %2 left: stop another VM"_s;
+    return unavailable(lack.arg(wanted).arg(left));
 }
 
-const Job &World::startCreation(QJsonObject arguments)
+JobPtr World::startCreation(QJsonObject arguments)
 {
     QString name = arguments["name"_L1].toString();
-    while (name.isEmpty() || isTaken(name))
-        name = "%1 %2"_L1.arg(arguments["os"_L1].toString(), QString::number(newNumber()));
+    for (int n = 1; name.isEmpty() || isTaken(name); ++n)
+        name = "%1 %2"_L1.arg(arguments["os"_L1].toString(), QString::number(n));
     arguments["name"_L1] = name;
-    jobs.push_front({ { { u"jobId"_s, u"job-%1"_s.arg(newNumber()) },
-                        { u"kind"_s, u"create_vm"_s },
-                        { u"name"_s, name },
-                        { u"state"_s, u"running"_s },
-                        { u"progress"_s, 0 } },
-                      arguments,
-                      {} });
-    jobs.front().age.start();
-    return jobs.front();
+    const QString jobId = u"job-%1"_s.arg(jobs.size() + 1);
+    jobs.prepend(std::make_shared<QJsonObject>(object("jobId"_L1, jobId, "kind"_L1, u"create_vm"_s,
+                                                      "name"_L1, name, "state"_L1, u"running"_s,
+                                                      "progress"_L1, 0, "step"_L1, u"waiting"_s)));
+    create(jobs.first(), arguments);
+    return jobs.first();
 }
 
-void World::advance(Job &job)
+void World::advance(const JobPtr &job, int progress, const QString &step)
 {
-    const auto steps = static_cast<qint64>(JobSteps.size());
-    const qint64 step = std::min(job.age.elapsed() / JobStepMs, steps);
-    const qint64 progress = 100 * step / steps;
-    if (progress == job.status["progress"_L1].toInteger() && job.status.contains("step"_L1))
-        return;
-    job.status["progress"_L1] = progress;
-    job.status["step"_L1] = step < steps ? QString::fromLatin1(JobSteps.begin()[step]) : u"done"_s;
-    if (step == steps) {
-        job.status["state"_L1] = u"done"_s;
-        job.status["vmId"_L1] = addMachine(job.arguments).text("id"_L1);
+    (*job)["progress"_L1] = progress;
+    (*job)["step"_L1] = step;
+    sink(u"job_progress"_s, *job);
+}
+
+Later<QString> World::create(JobPtr job, QJsonObject arguments)
+{
+    co_await pause(0); // whoever started it is to see all of it
+    const QString folder = "%1/%2.vm"_L1.arg(place, arguments["name"_L1].toString());
+    advance(job, 10, u"checking the host"_s);
+    const bool room = freeDiskGB(place) >= LeastFreeGB && QDir().mkdir(folder);
+    advance(job, 40, u"making the disk"_s);
+    const QString words = u"create -q -f qcow2 disk.qcow2 %1G"_s;
+    const QStringList disk = words.arg(arguments["diskGB"_L1].toInt()).split(u' ');
+    const Outcome made = co_await run(u"qemu-img"_s, disk, folder);
+    advance(job, 80, u"setting up the system"_s);
+    QFile password(folder + "/password"_L1); // for the guest, at its first boot
+    const bool written = password.open(QIODevice::WriteOnly)
+                         && password.write(arguments["password"_L1].toString().toUtf8()) >= 0;
+    const QString error = !room               ? "there is no room in "_L1 + place
+                          : !made.succeeded() ? "making the disk failed: "_L1 + made.words()
+                          : !written          ? password.errorString()
+                                              : QString();
+    (*job)["state"_L1] = error.isEmpty() ? u"done"_s : u"failed"_s;
+    if (error.isEmpty()) {
+        (*job)["vmId"_L1] = folder;
+        machines[folder] = std::make_shared<Machine>(folder, settingsOf(arguments, folder));
+    } else {
+        (*job)["error"_L1] = error;
+        QDir(folder).removeRecursively();
     }
-    sink(u"job_progress"_s, job.status);
-}
-
-void World::tick()
-{
-    for (Job &job : jobs) {
-        if (job.runs())
-            advance(job);
-    }
-}
-
-Answer World::watch(const Machine &machine, int seconds, Look look)
-{
-    const QString id = machine.text("id"_L1);
-    return until(seconds * 1'000LL,
-                 [=, this, look = std::move(look)](bool timeUp) -> std::optional<Answer> {
-                     const Machine *now = findMachine(id);
-                     return now ? look(*now, timeUp)
-                                : fail(u"not_found"_s, "there is no VM any more: "_L1 + id);
-                 });
+    advance(job, error.isEmpty() ? 100 : 80, (*job)["state"_L1].toString());
+    co_return error;
 }

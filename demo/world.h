@@ -1,66 +1,52 @@
-// The simulated host: its machines, the jobs that create some, its networking, and time passing.
+// What the application has: a folder of its own, machines in it, and the jobs that create them.
 
 #pragma once
 
-#include "answers.h"
 #include "machine.h"
 
 #include <QJsonArray>
+#include <QMap>
 
-#include <list>
+const QString smallLinux = QStringLiteral("small-linux"); // the id of its image
+const QString guestToolsVersion = QStringLiteral("1.0"); // which Small Linux has
 
-// What the host offers, newest or preferred first.
-QJsonArray imagesFor(bool macOS);
-QStringList bridgeInterfaces();
+// The answer where these settings of a machine ask for what there cannot be, here or at all.
+std::optional<Answer> refuseHardware(const QJsonObject &settings);
 
-// What speaks against a machine with these settings; empty when nothing does.
-QString hardwareComplaint(const QJsonObject &settings);
-
-struct Job
-{
-    bool runs() const;
-
-    QJsonObject status; // as job_status returns it
-    QJsonObject arguments; // of create_vm
-    QElapsedTimer age;
-};
+using JobPtr = std::shared_ptr<QJsonObject>; // as job_status returns it
+bool runs(const JobPtr &job);
 
 class World
 {
 public:
     using EventSink = std::function<void(const QString &event, const QJsonObject &detail)>;
 
-    explicit World(EventSink sink);
+    explicit World(EventSink eventSink) : sink(std::move(eventSink)) { }
+    ~World(); // ends the machines and removes the folder
 
-    // Moves the running jobs on; to be called a few times a second.
-    void tick();
+    // Makes the folder, in place of one that a killed application left; says why it cannot. To be
+    // called by the one application that may serve the pipe.
+    QString open();
+
+    // Creates and starts the machine that there is from the start.
+    Later<bool> begin();
 
     // The job that creates a machine of create_vm's arguments.
-    const Job &startCreation(QJsonObject arguments);
-
-    Machine *findMachine(const QString &id);
-    Job *findJob(const QString &jobId);
+    JobPtr startCreation(QJsonObject arguments);
 
     // Whether a machine has the name, or a running job is to give it to one.
     bool isTaken(const QString &name) const;
 
-    // Whether such settings ask for the networking service, which is not there.
-    bool lacksNetworking(const QJsonObject &settings) const;
+    // The answer where the host has no memory left for a machine that is to run.
+    std::optional<Answer> refuseStart(const Machine &machine) const;
 
-    // Looks at a machine until that gives an answer, as it must when the time is up.
-    using Look = std::function<std::optional<Answer>(const Machine &machine, bool timeUp)>;
-    Answer watch(const Machine &machine, int seconds, Look look);
-
-    int newNumber() { return ++lastNumber; } // of a machine, job or folder
-
-    std::list<Machine> machines;
-    std::list<Job> jobs; // newest first; none is ever removed
-    bool networkingInstalled = false;
+    QString place; // the folder
+    QMap<QString, MachinePtr> machines; // by their ids
+    QList<JobPtr> jobs; // newest first; none is ever removed
 
 private:
-    Machine &addMachine(QJsonObject arguments);
-    void advance(Job &job);
+    Later<QString> create(JobPtr job, QJsonObject arguments);
+    void advance(const JobPtr &job, int progress, const QString &step);
 
     EventSink sink;
-    int lastNumber = 0;
 };
