@@ -109,7 +109,7 @@ QString obstacle(QLockFile &lock)
     if (QDir::temp().filePath(OrreryControl::pipeName()).toLocal8Bit().size() > MaxPathBytes)
         return u"TMPDIR is too long: the control pipe's path may have %1 bytes"_s.arg(MaxPathBytes);
     if (!QFileInfo(QDir::tempPath()).isWritable())
-        return "cannot write in "_L1 + QDir::tempPath();
+        return u"TMPDIR, else /tmp, is no folder that can be written to"_s;
     lock.setStaleLockTime(0);
     const bool locked = lock.tryLock(0);
     QLocalSocket probe;
