@@ -7,6 +7,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QLocalServer>
 #include <QLocalSocket>
@@ -37,6 +38,7 @@ public:
     Later<bool> serve()
     {
         QObject::connect(&server, &QLocalServer::newConnection, &server, [this] { accept(); });
+        co_await pause(0); // until the event loop runs, which may have to end
         QString complaint = world.open();
         if (complaint.isEmpty())
             co_await world.begin();
@@ -106,10 +108,10 @@ QString obstacle(QLockFile &lock)
 {
     if (QDir::temp().filePath(OrreryControl::pipeName()).toLocal8Bit().size() > MaxPathBytes)
         return u"TMPDIR is too long: the control pipe's path may have %1 bytes"_s.arg(MaxPathBytes);
+    if (!QFileInfo(QDir::tempPath()).isWritable())
+        return u"TMPDIR, else /tmp, is no folder that can be written to"_s;
     lock.setStaleLockTime(0);
     const bool locked = lock.tryLock(0);
-    if (lock.error() != QLockFile::NoError && lock.error() != QLockFile::LockFailedError)
-        return "cannot write in "_L1 + QDir::tempPath();
     QLocalSocket probe;
     probe.connectToServer(OrreryControl::pipeName());
     return locked && !probe.waitForConnected(ConnectMs) ? QString()
