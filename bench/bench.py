@@ -35,7 +35,7 @@ def tool(name, **arguments):
 
 
 PING, CALL, IMAGE, ROWS = ("ping", {}), tool("get_vm"), tool("capture_screen"), tool("list_vms")
-BURST = 64  # events that the application writes at once, and the kernel keeps in one piece
+BURST = 600  # events that the application writes at once: about as much as goes out in one write
 
 
 def burst(events):
