@@ -80,7 +80,8 @@ const newMachine = (name, more = {}) => one.object('create_vm', {
 
 async function shows(id, pattern, client = one) {
   const { found, line } = await client.object('wait_for_text', { id, pattern, timeoutSeconds: 120 });
-  assert.ok(found, pattern);
+  const { text } = await client.object('read_console_text', { id }); // tells why, where it is not there
+  assert.ok(found, `${pattern} is not in:\n${text}`);
   return line;
 }
 
