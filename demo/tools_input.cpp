@@ -183,6 +183,9 @@ const Tool sendInput("send_input", "running", [](const Call &call) -> Reply {
     int done = 0;
     for (const Action &action : all) {
         for (const QJsonArray &step : action.steps) {
+            while (call.machine
+                           ->screenIsRead) // the guest may stand still, and QEMU drops events then
+                co_await pause(EventMs);
             if (!call.machine->qemu)
                 co_return wrongState(u"%1 actions were done, then the VM ended"_s.arg(done));
             const QJsonObject events = object("events"_L1, step);
