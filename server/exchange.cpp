@@ -105,12 +105,12 @@ void PipeLines::takeLine(QByteArrayView line)
         return;
     }
     const QJsonObject message = parseObject(line).value_or(QJsonObject());
-    const bool isPlain = !line.contains('\\');
+    const bool hasPlainKeys = !hasNumberedEscape(line);
     if (!message.contains("result"_L1) && !message.contains("error"_L1)) {
-        events.keepKeys(isPlain);
+        events.keepKeys(hasPlainKeys);
         putEvent(events, message);
     } else if (isOwn(message)) {
-        answer = Answer { message, {}, isPlain && line.size() >= ManyKeysBytes };
+        answer = Answer { message, {}, hasPlainKeys && line.size() >= ManyKeysBytes };
     }
 }
 

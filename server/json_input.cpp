@@ -127,3 +127,12 @@ bool isTooCostly(QByteArrayView line)
     }
     return cost > Limits::MaxParsedBytes;
 }
+
+bool hasNumberedEscape(QByteArrayView line)
+{
+    for (qsizetype at = 0; (at = line.indexOf('\\', at)) >= 0; at += 2) {
+        if (at + 1 < line.size() && line[at + 1] == 'u')
+            return true;
+    }
+    return false;
+}

@@ -14,3 +14,7 @@
 // what is in it: a string about its length, but an array of one number forty times as much. The
 // answer comes from an upper estimate that a single pass over the line gives.
 [[nodiscard]] bool isTooCostly(QByteArrayView line);
+
+// Whether there is an escape sequence with a number in the line, by which alone a string can come
+// to hold half a surrogate pair.
+[[nodiscard]] bool hasNumberedEscape(QByteArrayView line);

@@ -27,8 +27,8 @@ public:
     JsonWriter &operator=(JsonWriter &&) = delete;
 
     // Whether keys that are repeated are made into text once, from here on. Only for values that
-    // came as text without escape sequences: Qt does not say whether a half of a surrogate pair
-    // counts when strings are compared.
+    // came as text without numbered escape sequences: Qt does not say whether a half of a surrogate
+    // pair counts when strings are compared.
     void keepKeys(bool isWanted);
 
     void beginObject() { begin('{'); }

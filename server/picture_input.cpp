@@ -33,7 +33,7 @@ bool isPlain(QByteArrayView text)
 // Whether text that is not the picture's could read as what stands in for it, however it is spelt.
 bool maySayStandIn(QByteArrayView text)
 {
-    return text.contains(QByteArrayView(StandIn)) || text.contains("\\u");
+    return text.contains(QByteArrayView(StandIn)) || hasNumberedEscape(text);
 }
 
 } // namespace

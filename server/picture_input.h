@@ -21,7 +21,7 @@ struct Answer
     // another text in its place. Each of its bytes stands for itself in a JSON string.
     QByteArrayView picture;
 
-    // Whether keys are probably repeated in it, and came without escape sequences.
+    // Whether keys are probably repeated in it, and came without numbered escape sequences.
     bool hasPlainKeys = false;
 };
 

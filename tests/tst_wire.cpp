@@ -65,7 +65,7 @@ void tst_wire::writesWhatQtWrites()
     QFETCH(QByteArray, json);
     const QJsonDocument document = QJsonDocument::fromJson(json);
     QVERIFY(!document.isNull());
-    for (const bool keepsKeys : { false, !json.contains('\\') }) {
+    for (const bool keepsKeys : { false, !hasNumberedEscape(json) }) {
         QCOMPARE(writtenTexts(document, keepsKeys).compact, referenceTexts(document).compact);
         QCOMPARE(writtenTexts(document, keepsKeys).reader, referenceTexts(document).reader);
         const QJsonArray values = document.array();
