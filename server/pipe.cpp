@@ -102,8 +102,7 @@ bool Pipe::checkHolder()
     }
     // The handle comes first, so that it means the process that is looked at.
     holder.emplace(pid);
-    foreignHolder = pid == 0
-                    || !OrreryControl::isSiblingProcess(pid, OrreryControl::exeName(u"orrery"_s));
+    foreignHolder = pid == 0 || !HostProcess::isApp(pid);
     return !foreignHolder;
 }
 

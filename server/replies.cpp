@@ -96,6 +96,7 @@ bool replyImage(const QJsonValue &id, const QJsonObject &object, QByteArrayView 
     });
 }
 
+// A value as an image or as a text; picture and hasPlainKeys are those of an Answer.
 void replyValue(const QJsonValue &id, const QJsonValue &value, bool isError, QByteArrayView picture,
                 bool hasPlainKeys)
 {

@@ -138,12 +138,11 @@ void quitApp(const ToolCall &call)
     // The handle comes first: from here on the id cannot come to mean another process, and what is
     // checked is what is ended.
     HostProcess::Handle app(pid);
-    const QString appName = OrreryControl::exeName(u"orrery"_s);
-    if (!app.isValid() || !OrreryControl::isSiblingProcess(pid, appName)) {
+    if (!app.isValid() || !HostProcess::isApp(pid)) {
         replyToolText(
                 call.id,
                 "Orrery call failed: the running %1 isn't this install's app (or isn't yours)."_L1
-                        .arg(appName),
+                        .arg(OrreryControl::exeName(u"orrery"_s)),
                 true);
         return;
     }
