@@ -63,7 +63,7 @@ constexpr Situation situations[] {
     { "a plain file", "touch $pipe", "", "", "socket", "is no socket" },
     { "a dangling link", "ln -s nowhere $pipe", "", "", "socket", "is no socket" },
     { "another's socket", "taken", "", "", "socket", "another user, root (0)", Nobody },
-    { "another's open socket", "taken; chmod 777 $tmp/*", "", "", "socket holder",
+    { "another's open socket", "taken; chmod 777 $tmp/*", "", "", "holder socket",
       "(orrery) of another user, root (0)", Nobody },
     { "another's Orrery", "start $tmp ./orrery", "", "", "",
       "not run as you, nobody (65534), but as root (0)", Nobody },
@@ -191,7 +191,8 @@ qsizetype quotedIn(const QString &report)
     return count;
 }
 
-// The checks of a text or a JSON report as "OUTCOME NAME".
+// The checks of a text or a JSON report as "OUTCOME NAME", sorted: two processes come in the order
+// of their numbers, and those begin again from the lowest some day.
 QStringList checksIn(const QString &report)
 {
     QStringList checks;
@@ -201,6 +202,7 @@ QStringList checksIn(const QString &report)
                                          QRegularExpression::MultilineOption);
     for (const QRegularExpressionMatch &match : line.globalMatch(report))
         checks += match.captured().simplified();
+    checks.sort();
     return checks;
 }
 
