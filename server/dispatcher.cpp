@@ -34,42 +34,39 @@ void initialize(const QJsonValue &id, const QJsonObject &params)
     reply(id, result);
 }
 
-// The result of tools/list, made once: the catalogue never changes.
-const JsonWriter &toolList()
+// The text of it is made once: the catalogue never changes.
+void listTools(const QJsonValue &id)
 {
     static const JsonWriter list = [] {
         JsonWriter text;
-        text.beginObject();
+        text.text("{");
         if (g_contract.contains("tools"_L1)) {
-            text.key("tools"_L1);
+            text.text(R"("tools":)");
             text.value(g_contract.value("tools"_L1));
         }
-        text.endObject();
+        text.text("}");
         return text;
     }();
-    return list;
+    replyWithJson(id, list.bytes());
 }
-
-void listTools(const QJsonValue &id) { replyWithJson(id, toolList().bytes()); }
 
 } // namespace
 
-void handle(const QJsonObject &request)
+void handle(const Message &request)
 {
     // A message without an id is a notification: nobody could learn what became of it, so nothing
     // is carried out and nothing is answered.
-    const auto idMember = request.constFind("id"_L1);
-    if (idMember == request.constEnd())
+    const QJsonValue id = request.object["id"_L1];
+    if (id.isUndefined())
         return;
-    const QJsonValue id = *idMember;
-    const QString method = request["method"_L1].toString();
-    const QJsonObject params = request["params"_L1].toObject();
+    const QString method = request.object["method"_L1].toString();
+    const QJsonObject params = request.object["params"_L1].toObject();
     if (method == "initialize"_L1)
         initialize(id, params);
     else if (method == "tools/list"_L1)
         listTools(id);
     else if (method == "tools/call"_L1)
-        toolsCall(id, params);
+        toolsCall(id, params, request.longString);
     else
         replyError(id, MethodNotFound, u"Method not found: "_s + method);
 }

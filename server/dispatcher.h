@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include <QJsonObject>
+#include "json_input.h"
 
 // Handles one request to its end, and answers it; a notification is ignored.
-void handle(const QJsonObject &request);
+void handle(const Message &request);

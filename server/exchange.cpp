@@ -20,36 +20,22 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qsizetype ManyKeysBytes = 4'096; // of an answer in which keys are probably repeated
-
 // An application's event as a notification to the client. Members that the event lacks stay out.
 void putEvent(JsonWriter &lines, const QJsonObject &event)
 {
-    lines.beginObject();
-    lines.key("jsonrpc"_L1);
-    lines.string("2.0"_L1);
-    lines.key("method"_L1);
-    lines.string("notifications/message"_L1);
-    lines.key("params"_L1);
-    lines.beginObject();
-    lines.key("data"_L1);
-    lines.beginObject();
-    if (const auto params = event.constFind("params"_L1); params != event.constEnd()) {
-        lines.key("detail"_L1);
-        lines.value(*params);
+    const auto detail = event.constFind("params"_L1);
+    const auto name = event.constFind("method"_L1);
+    lines.text(R"({"jsonrpc":"2.0","method":"notifications/message","params":{"data":{)");
+    if (detail != event.constEnd()) {
+        lines.text(R"("detail":)");
+        lines.value(*detail);
     }
-    if (const auto method = event.constFind("method"_L1); method != event.constEnd()) {
-        lines.key("event"_L1);
-        lines.value(*method);
+    if (name != event.constEnd()) {
+        lines.text(detail != event.constEnd() ? R"(,"event":)" : R"("event":)");
+        lines.value(*name);
     }
-    lines.endObject();
-    lines.key("level"_L1);
-    lines.string("info"_L1);
-    lines.key("logger"_L1);
-    lines.string("orrery"_L1);
-    lines.endObject();
-    lines.endObject();
-    lines.endLine();
+    lines.text(R"(},"level":"info","logger":"orrery"}})"
+               "\n");
 }
 
 } // namespace
@@ -71,16 +57,20 @@ qint64 PipeLines::take(bool isTimed)
         mayHaveMore = line.has_value();
         if (!line)
             break;
-        // What stands ready does not wait for what is large.
-        if (events.bytes().size() + line->size() > Limits::EventBatchBytes)
+        // What stands ready does not wait for what is large, whose long string stands in the
+        // buffer.
+        const bool isLarge = events.bytes().size() + line->size() > Limits::EventBatchBytes;
+        if (isLarge)
             passOn();
         const qsizetype size = line->size();
         takeLine(*line);
         taken += size + 1;
-        messageHandled(size);
         if (answer)
-            break; // whose picture stands in the buffer
+            break; // see releaseAnswer()
+        if (isLarge && !events.isTooLong())
+            passOn();
         input.releaseTaken();
+        messageHandled(size);
     }
     if (events.isTooLong())
         refusal = u"Orrery sent an event that makes a message of more than 512 MiB"_s;
@@ -97,20 +87,21 @@ void PipeLines::takeLine(QByteArrayView line)
         refusal = u"Orrery sent a line of more than 256 MiB"_s;
         return;
     }
-    if ((answer = answerWithPicture(line)) && isOwn(answer->message))
-        return;
-    answer.reset();
-    if (isTooCostly(line)) {
-        refusal = u"Orrery sent a line that takes more than 1.25 GiB of memory to read"_s;
-        return;
+    std::optional<Message> message = parseAroundLongString(line);
+    if (!message || message->object.contains("error"_L1)) { // of which a text is made
+        if (isTooCostly(line)) {
+            refusal = u"Orrery sent a line that takes more than 1.25 GiB of memory to read"_s;
+            return;
+        }
+        message = parseMessage(line).value_or(Message());
     }
-    const QJsonObject message = parseObject(line).value_or(QJsonObject());
-    const bool hasPlainKeys = !hasNumberedEscape(line);
-    if (!message.contains("result"_L1) && !message.contains("error"_L1)) {
-        events.keepKeys(hasPlainKeys);
-        putEvent(events, message);
-    } else if (isOwn(message)) {
-        answer = Answer { message, {}, hasPlainKeys && line.size() >= ManyKeysBytes };
+    const QJsonObject &object = message->object;
+    if (!object.contains("result"_L1) && !object.contains("error"_L1)) {
+        events.keepKeys(message->hasPlainText);
+        events.setLongString(message->longString);
+        putEvent(events, object);
+    } else if (isOwn(object)) {
+        answer = *std::move(message);
     }
 }
 
@@ -121,26 +112,24 @@ bool PipeLines::isOwn(const QJsonObject &response) const
 }
 
 Exchange::Exchange(QLocalSocket &pipe, const HostProcess::Handle &peer, LineBuffer &buffer,
-                   QByteArrayView request, int requestId)
+                   const JsonWriter &request, int requestId)
     : socket(pipe),
       descriptor(static_cast<int>(pipe.socketDescriptor())),
       holder(peer),
       received(buffer),
       lines(buffer, requestId),
-      unsent(request)
+      unsent(request.pieces())
 {
 }
 
-bool Exchange::run(int limitMs, Answer *answer, QString *error)
+bool Exchange::run(int limitMs, Message *answer, QString *error)
 {
     answerMs = std::max(limitMs, 0); // a negative time would be without end
     writeLimit.setRemainingTime(Limits::WriteMs);
     takeReadAhead();
     send();
-    while (!isOver(error)) {
+    while (!isOver(error))
         wait();
-        giveMemoryBackIfDue();
-    }
     if (!lines.answer)
         return false;
     *answer = *std::move(lines.answer);
@@ -202,13 +191,14 @@ void Exchange::wait()
 // would be copied, and cost three more system calls.
 void Exchange::send()
 {
-    const ssize_t count = ::send(descriptor, unsent.data(), static_cast<size_t>(unsent.size()),
+    QByteArrayView &piece = *std::find_if_not(unsent.begin(), unsent.end(), isEmpty);
+    const ssize_t count = ::send(descriptor, piece.data(), static_cast<size_t>(piece.size()),
                                  MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count < 0) {
         isUnwritable = errno != EAGAIN && errno != EINTR;
         return;
     }
-    unsent = unsent.sliced(count);
+    piece = piece.sliced(count);
     writeLimit.setRemainingTime(Limits::WriteMs);
     answerLimit.setRemainingTime(answerMs);
 }

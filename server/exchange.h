@@ -3,13 +3,15 @@
 
 #pragma once
 
+#include "json_input.h"
 #include "json_writer.h"
 #include "line_buffer.h"
-#include "picture_input.h"
 
 #include <QDeadlineTimer>
 #include <QString>
 
+#include <algorithm>
+#include <array>
 #include <optional>
 
 class QLocalSocket;
@@ -33,8 +35,8 @@ public:
     // Whether there may be a whole line left.
     bool mayHaveMore = true;
 
-    // The answer, once it came. Its picture lies in the buffer.
-    std::optional<Answer> answer;
+    // The answer, once it came. Its long string lies in the buffer.
+    std::optional<Message> answer;
 
     // Why a line was refused; empty while none was.
     QString refusal;
@@ -52,19 +54,24 @@ private:
 class Exchange
 {
 public:
-    // request is a line that stands until run() has ended. buffer holds what came on the connection
-    // before, and keeps what comes behind the answer. peer is the process at the other end.
+    // request is a line, which stands until run() has ended. buffer holds what came on the
+    // connection before, and keeps what comes behind the answer. peer is the process at the other
+    // end.
     Exchange(QLocalSocket &pipe, const HostProcess::Handle &peer, LineBuffer &buffer,
-             QByteArrayView request, int requestId);
+             const JsonWriter &request, int requestId);
 
     // Writes the request and waits for the answer, for limitMs from when the request is written.
     // True with the answer in *answer, false with the reason in *error.
-    bool run(int limitMs, Answer *answer, QString *error);
+    bool run(int limitMs, Message *answer, QString *error);
 
     // Whether the whole request has been written.
-    [[nodiscard]] bool isRequestOut() const { return unsent.isEmpty(); }
+    [[nodiscard]] bool isRequestOut() const
+    {
+        return std::all_of(unsent.begin(), unsent.end(), isEmpty);
+    }
 
 private:
+    static bool isEmpty(QByteArrayView piece) { return piece.isEmpty(); }
     bool isOver(QString *reason);
     void takeReadAhead();
     void wait();
@@ -76,7 +83,7 @@ private:
     const HostProcess::Handle &holder;
     LineBuffer &received;
     PipeLines lines;
-    QByteArrayView unsent;
+    std::array<QByteArrayView, 3> unsent; // of the request
     QDeadlineTimer writeLimit; // for the next bytes of the request
     QDeadlineTimer answerLimit; // once the request is written
     int answerMs = 0;

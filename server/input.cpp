@@ -13,11 +13,8 @@
 #include <unistd.h>
 
 using namespace Qt::StringLiterals;
-using namespace std::chrono_literals;
 
 namespace {
-
-constexpr size_t LongQueue = 4'096; // requests
 
 std::atomic<qint64> g_inFlight = NoCall; // id of the relayed call; written by the main thread
 std::atomic<bool> g_cancelled = false; // that call was; set by the reader, cleared by main
@@ -54,6 +51,22 @@ bool cancelInFlight(const QJsonObject &notification)
     return true;
 }
 
+// The message of a line; nothing when it is none, or would cost too much. Only what nobody looks at
+// stands apart, in the arguments of a tool or beside what makes a ping.
+std::optional<Message> parseLine(QByteArrayView line)
+{
+    if (std::optional<Message> message = parseAroundLongString(line)) {
+        const QJsonValue id = message->object.value("id"_L1);
+        const QJsonValue method = message->object.value("method"_L1);
+        const bool isCall = method == "tools/call"_L1
+                            && message->object.value("params"_L1)["name"_L1] != LongStringName;
+        if ((isCall || method == "ping"_L1)
+            && (id.isDouble() || (id.isString() && id != LongStringName)))
+            return message;
+    }
+    return isTooCostly(line) ? std::nullopt : parseMessage(line);
+}
+
 // One line of input: answers what must not wait behind a slow call, queues the rest.
 void receiveLine(QByteArrayView line, RequestQueue &queue)
 {
@@ -61,49 +74,43 @@ void receiveLine(QByteArrayView line, RequestQueue &queue)
         line.chop(1);
     if (line.isEmpty())
         return;
-    std::optional<QJsonObject> message;
-    if (!isTooCostly(line))
-        message = parseObject(line);
+    std::optional<Message> message = parseLine(line);
     if (!message) {
         replyError(QJsonValue::Null, ParseError, u"Parse error"_s);
         return;
     }
-    if (!isAnswerable(*message, line.size())) {
+    const QJsonValue id = message->object.value("id"_L1);
+    if (!isAnswerable(id, line.size())) {
         replyError(QJsonValue::Null, InvalidRequest, u"Invalid Request: the id is too long"_s);
         return;
     }
-    const QString method = message->value("method"_L1).toString();
-    const auto id = message->constFind("id"_L1);
-    if (method == "ping"_L1 && id != message->constEnd()) {
-        reply(*id, {});
+    const QString method = message->object.value("method"_L1).toString();
+    if (method == "ping"_L1 && !id.isUndefined()) {
+        reply(id, {});
         return;
     }
-    if (method == "notifications/cancelled"_L1 && cancelInFlight(*message))
+    if (method == "notifications/cancelled"_L1 && cancelInFlight(message->object))
         return;
-    queue.append({ *std::move(message), line.size() });
+    queue.append(*std::move(message));
 }
 
-// Receives a line, and sees to it that what was large is given back, if not by this thread.
 void receiveAndRelease(QByteArrayView line, LineBuffer &input, RequestQueue &queue)
 {
     const qsizetype size = line.size();
-    const ReleaseAtOnce release(size);
     receiveLine(line, queue);
     input.releaseTaken();
     messageHandled(size);
-    if (isMemoryKept())
-        queue.wake();
 }
 
 } // namespace
 
-void RequestQueue::append(Request request)
+void RequestQueue::append(Message message)
 {
+    Request request { message.longString.toByteArray(), std::move(message) };
+    request.message.longString = request.longString;
     {
         const std::lock_guard lock(mutex);
-        bytes += request.size;
         requests.push_back(std::move(request));
-        wasLong = wasLong || requests.size() >= LongQueue;
     }
     // Outside of the lock: whoever wakes takes it first.
     changed.notify_one();
@@ -118,31 +125,14 @@ void RequestQueue::endInput()
     changed.notify_one();
 }
 
-void RequestQueue::wake()
-{
-    {
-        const std::lock_guard lock(mutex); // not between a look and the wait
-    }
-    changed.notify_one();
-}
-
 std::optional<Request> RequestQueue::take()
 {
     std::unique_lock lock(mutex);
-    const auto ready = [this] { return inputEnded || !requests.empty(); };
-    while (!changed.wait_for(lock, wasLong ? 0ms : Limits::Quiet, ready)) {
-        wasLong = false;
-        lock.unlock();
-        giveMemoryBack();
-        lock.lock();
-        changed.wait(lock, [&] { return isMemoryKept() || ready(); });
-    }
+    changed.wait(lock, [this] { return inputEnded || !requests.empty(); });
     if (requests.empty())
         return {};
-    messageHandled(bytes); // many small requests are as much as a large one
     Request request = std::move(requests.front());
     requests.pop_front();
-    bytes -= request.size;
     return request;
 }
 

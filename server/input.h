@@ -3,44 +3,36 @@
 
 #pragma once
 
+#include "json_input.h"
 #include "line_buffer.h"
-
-#include <QJsonObject>
 
 #include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <optional>
 
-// A message and how many bytes it came in.
+// A message, and the place of its long string.
 struct Request
 {
-    QJsonObject message;
-    qsizetype size;
+    QByteArray longString;
+    Message message;
 };
 
 // What the reader hands to the main thread, in order. Outlives the reader.
 class RequestQueue
 {
 public:
-    void append(Request request);
+    void append(Message message);
     void endInput();
 
-    // Lets take() look after freed memory.
-    void wake();
-
-    // Waits for the next request; nothing once input has ended and every request was taken. When
-    // none comes for a while, freed memory goes back to the system; at once after a long queue,
-    // whose memory nothing else would use.
+    // Waits for the next request; nothing once input has ended and every request was taken.
     std::optional<Request> take();
 
 private:
     std::mutex mutex; // guards what follows
     std::condition_variable changed;
     std::deque<Request> requests;
-    qsizetype bytes = 0; // that the requests came in
     bool inputEnded = false;
-    bool wasLong = false; // since take() last gave memory back
 };
 
 // The stdin reader thread: reads until standard input ends. Answers what must not wait behind a

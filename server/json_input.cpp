@@ -5,10 +5,15 @@
 
 #include <QJsonDocument>
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
+using namespace Qt::StringLiterals;
+
 namespace {
+
+constexpr qsizetype MinLongString = 16'384; // a shorter one is parsed as quickly
 
 // What QJsonDocument takes at most, in bytes, the allocator's part and the growth of its arrays
 // included.
@@ -87,15 +92,77 @@ qsizetype stringCost(qsizetype length, bool hasEscapes)
     return hasEscapes ? 2 * buffer : buffer;
 }
 
+// Whether a string in the text may hold what no letter or short escape sequence can spell.
+bool hasNumberedEscape(QByteArrayView text)
+{
+    for (qsizetype at = 0; (at = text.indexOf('\\', at)) >= 0; at += 2) {
+        if (at + 1 < text.size() && text[at + 1] == 'u')
+            return true;
+    }
+    return false;
+}
+
+// Whether each byte stands for itself in a JSON string (RFC 8259, 7). Quotes are not looked for.
+bool isPlain(QByteArrayView text)
+{
+    using Octets = quint8 __attribute__((vector_size(BlockBytes)));
+    Octets bad {};
+    qsizetype at = 0;
+    for (; at + BlockBytes <= text.size(); at += BlockBytes) {
+        const auto block = loadBlock<Octets>(text.data() + at);
+        bad |= (block - ' ' > 0x5f) | (block == '\\');
+    }
+    return !any(bad) && std::all_of(text.begin() + at, text.end(), [](signed char c) {
+        return c >= ' ' && c != '\\'; // beyond ASCII it is negative
+    });
+}
+
+// Whether there is a string that could read as LongStringName, however it is spelt.
+bool maySayLongString(QByteArrayView text)
+{
+    return text.contains(QByteArrayView(LongStringName)) || hasNumberedEscape(text);
+}
+
 } // namespace
 
-std::optional<QJsonObject> parseObject(QByteArrayView line)
+std::optional<Message> parseAroundLongString(QByteArrayView line)
+{
+    if (line.size() < MinLongString)
+        return {};
+    // A string that is more than half of the line has its middle.
+    const qsizetype middle = line.size() / 2;
+    const void *const quote = memrchr(line.data(), '"', static_cast<size_t>(middle + 1));
+    const qsizetype begin
+            = quote == nullptr ? 0 : static_cast<const char *>(quote) - line.data() + 1;
+    const qsizetype end = line.indexOf('"', middle + 1);
+    if (end - begin < middle)
+        return {};
+    const QByteArrayView text = line.sliced(begin, end - begin);
+    const QByteArrayView before = line.first(begin);
+    const QByteArrayView after = line.sliced(end);
+    // Neither from an escaped quote on, nor a key.
+    if (before.endsWith("\\\"") || after.sliced(1).trimmed().startsWith(':') || !isPlain(text)
+        || maySayLongString(before) || maySayLongString(after))
+        return {};
+    // This is JSON if, and only if, the line is; and only if these quotes are those of a string.
+    const QByteArray rest = before.toByteArray().append(LongStringName).append(after);
+    std::optional<Message> message;
+    if (!isTooCostly(rest) && (message = parseMessage(rest))) {
+        message->longString = text;
+        message->lineBytes = line.size();
+    }
+    return message;
+}
+
+std::optional<Message> parseMessage(QByteArrayView line)
 {
     const QByteArray text = hasByteOrderMark(line)
                                     ? withoutByteOrderMarks(line)
                                     : QByteArray::fromRawData(line.data(), line.size());
     const QJsonDocument document = QJsonDocument::fromJson(text);
-    return document.isObject() ? std::optional(document.object()) : std::nullopt;
+    if (!document.isObject())
+        return {};
+    return Message { document.object(), {}, !hasNumberedEscape(line), line.size() };
 }
 
 bool isTooCostly(QByteArrayView line)
@@ -126,13 +193,4 @@ bool isTooCostly(QByteArrayView line)
         }
     }
     return cost > Limits::MaxParsedBytes;
-}
-
-bool hasNumberedEscape(QByteArrayView line)
-{
-    for (qsizetype at = 0; (at = line.indexOf('\\', at)) >= 0; at += 2) {
-        if (at + 1 < line.size() && line[at + 1] == 'u')
-            return true;
-    }
-    return false;
 }

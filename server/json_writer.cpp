@@ -1,6 +1,7 @@
 #include "json_writer.h"
 
 #include "json_escape.h"
+#include "json_input.h"
 #include "memory.h"
 #include "server_limits.h"
 
@@ -15,7 +16,6 @@
 #include <cmath>
 #include <cstring>
 #include <type_traits>
-#include <utility>
 
 namespace {
 
@@ -47,57 +47,26 @@ void JsonWriter::makeRoom(qsizetype bytes)
     place = buffer.data();
 }
 
-void JsonWriter::string(QStringView text)
-{
-    separate();
-    quoted<Style::Compact>(text);
-}
-
-void JsonWriter::boolean(bool value) { json(value ? "true" : "false"); }
+void JsonWriter::string(QStringView text) { quoted<Style::Compact>(text); }
 
 void JsonWriter::integer(qint64 value)
 {
-    char digits[20];
-    const auto result = std::to_chars(std::begin(digits), std::end(digits), value);
-    json(QByteArrayView(digits, result.ptr));
-}
-
-void JsonWriter::json(QByteArrayView text)
-{
-    separate();
-    if (text.size() <= Limits::MaxMessageBytes)
-        put(text);
-    else
-        tooLong = true;
-}
-
-void JsonWriter::borrowedString(QByteArrayView plain)
-{
-    separate();
-    put('"');
-    borrowed = plain;
-    borrowedAt = size;
-    put('"');
+    constexpr qsizetype MostDigits = 20; // with the sign
+    char *const out = room(MostDigits);
+    size += std::to_chars(out, out + MostDigits, value).ptr - out;
 }
 
 bool JsonWriter::isTooLong() const
 {
-    return tooLong || size + borrowed.size() > Limits::MaxMessageBytes;
+    return tooLong || size + longString.size() > Limits::MaxMessageBytes;
 }
 
 void JsonWriter::clear()
 {
     size = 0;
-    borrowed = {};
-    borrowedAt = 0;
-    afterValue = false;
+    longString = {};
+    longStringAt = 0;
     tooLong = false;
-}
-
-void JsonWriter::endLine()
-{
-    put('\n');
-    afterValue = false;
 }
 
 // The inside of a string. In pieces, so that room for the worst is made of a piece only.
@@ -124,7 +93,10 @@ template <JsonWriter::Style style> constexpr QByteArrayView JsonWriter::quote()
 template <JsonWriter::Style style> void JsonWriter::quoted(QStringView text)
 {
     put(quote<style>());
-    escaped<style>(text);
+    if (!longString.isEmpty() && text == LongStringName)
+        longStringAt = size;
+    else
+        escaped<style>(text);
     put(quote<style>());
 }
 
@@ -186,11 +158,8 @@ template <JsonWriter::Style style> void JsonWriter::element(const QCborValue &va
     switch (value.type()) {
     case QCborValue::String:
         return quoted<style>(value.toString());
-    case QCborValue::Integer: {
-        char *const out = room(20);
-        size += std::to_chars(out, out + 20, value.toInteger()).ptr - out;
-        return;
-    }
+    case QCborValue::Integer:
+        return integer(value.toInteger());
     case QCborValue::Double: {
         const double number = value.toDouble();
         if (!std::isfinite(number))
@@ -216,10 +185,8 @@ void JsonWriter::value(const QJsonValue &value)
     case QJsonValue::String:
         return string(value.toString());
     case QJsonValue::Object:
-        separate();
         return container<Style::Compact>(QCborMap::fromJsonObject(value.toObject()), 0);
     default:
-        separate();
         // An array, because by itself a QJsonValue does not tell whether it holds 5 or 5.0.
         const QCborArray holder = QCborArray::fromJsonArray({ value });
         return element<Style::Compact>(holder.first(), 0);
@@ -228,7 +195,6 @@ void JsonWriter::value(const QJsonValue &value)
 
 void JsonWriter::readerText(const QJsonValue &value, QLatin1StringView except)
 {
-    separate();
     put('"');
     if (value.isObject())
         container<Style::Reader>(QCborMap::fromJsonObject(value.toObject()), 0, except);

@@ -1,6 +1,6 @@
-// Writes JSON text (RFC 8259) in one pass: what this server sends is put down member by member, and
-// values that came from elsewhere are written byte for byte as QJsonDocument writes them, with the
-// members of an object in its own order, which is that of the keys.
+// Writes JSON text (RFC 8259) in one pass: values that came from elsewhere are written byte for
+// byte as QJsonDocument writes them, with the members of an object in its own order, which is that
+// of the keys.
 
 #pragma once
 
@@ -16,8 +16,7 @@
 class QJsonObject;
 class QJsonValue;
 
-// One or more JSON texts, being written. What is begun must be ended, and in an object each value
-// has its key before it; nothing here checks that. A text has a limit: beyond it nothing more is
+// One or more lines of JSON text, being written. It has a limit: beyond that nothing more is
 // written, and isTooLong() says so.
 class JsonWriter
 {
@@ -31,47 +30,23 @@ public:
     // pair counts when strings are compared.
     void keepKeys(bool isWanted);
 
-    void beginObject() { begin('{'); }
-    void endObject() { end('}'); }
-    void beginArray() { begin('['); }
-    void endArray() { end(']'); }
+    // A string that is not copied: the caller keeps it until the text is sent. It is written once,
+    // in the place of the string that is LongStringName, see Message.
+    void setLongString(QByteArrayView text) { longString = text; }
 
-    // A key or a string of this program's own: ASCII without anything to escape.
-    void key(QLatin1StringView name)
-    {
-        string(name);
-        put(':');
-        afterValue = false;
-    }
-    void string(QLatin1StringView text)
-    {
-        separate();
-        put('"');
-        put(QByteArrayView(text.data(), text.size()));
-        put('"');
-    }
+    // Text of this program's own: JSON, or a part of it.
+    void text(QByteArrayView json) { put(json); }
 
     void string(QStringView text);
-    void boolean(bool value);
     void integer(qint64 value);
 
     // Any value, compact. An undefined one is written as null; leave its member out.
     void value(const QJsonValue &value);
 
-    // A string that is not copied, of which there can be one: the caller keeps it until the text is
-    // sent. Each byte must stand for itself in a JSON string, as in base64.
-    void borrowedString(QByteArrayView plain);
-
-    // Text that is JSON already.
-    void json(QByteArrayView text);
-
     // A string that holds an object or an array as text for a reader: indented by four blanks, a
     // member or an element per line. Without the member of the outermost object that is called
     // except.
     void readerText(const QJsonValue &value, QLatin1StringView except = {});
-
-    // The line feed that ends a message; another may follow.
-    void endLine();
 
     // Whether the limit (Limits::MaxMessageBytes) was reached. If so, the text is of no use.
     [[nodiscard]] bool isTooLong() const;
@@ -79,13 +54,14 @@ public:
     // Begins anew; the memory stays.
     void clear();
 
-    // What was written, but for what is borrowed.
+    // What was written, but for a long string.
     [[nodiscard]] QByteArrayView bytes() const { return { place, size }; }
 
-    // All of it: up to what is borrowed, that, and what follows.
+    // All of it: up to the long string, that, and what follows.
     [[nodiscard]] std::array<QByteArrayView, 3> pieces() const
     {
-        return { bytes().first(borrowedAt), borrowed, bytes().sliced(borrowedAt) };
+        const QByteArrayView piece = longStringAt > 0 ? longString : QByteArrayView();
+        return { bytes().first(longStringAt), piece, bytes().sliced(longStringAt) };
     }
 
 private:
@@ -121,26 +97,6 @@ private:
         size += text.size();
     }
 
-    void separate()
-    {
-        if (afterValue)
-            put(',');
-        afterValue = true;
-    }
-
-    void begin(char bracket)
-    {
-        separate();
-        put(bracket);
-        afterValue = false;
-    }
-
-    void end(char bracket)
-    {
-        put(bracket);
-        afterValue = true;
-    }
-
     template <Style style> void escaped(QStringView text);
     template <Style style> static constexpr QByteArrayView quote();
     template <Style style> void quoted(QStringView text);
@@ -154,9 +110,8 @@ private:
     char *place = nullptr; // of the buffer
     qsizetype capacity = 0;
     qsizetype size = 0; // bytes written
-    QByteArrayView borrowed;
-    qsizetype borrowedAt = 0; // so many bytes are written before it
-    bool afterValue = false; // so that the next one needs a comma
+    QByteArrayView longString;
+    qsizetype longStringAt = 0; // so many bytes are written before it; none while it is not written
     bool tooLong = false;
     std::vector<KnownKey> knownKeys; // none while none were to be kept
     bool keepsKeys = false;

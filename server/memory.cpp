@@ -1,11 +1,7 @@
 #include "memory.h"
 
-#include "server_limits.h"
-
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
-#include <mutex>
 
 #include <malloc.h>
 #include <sys/mman.h>
@@ -13,29 +9,21 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// Larger blocks are mapped by malloc, each time anew. Up to here they are not, also because their
-// release is what makes malloc join the small blocks beside them.
+// Larger blocks are mapped by malloc, each time anew.
 constexpr int MapFromBytes = 33 << 20;
+constexpr int TrimFromBytes = 16 << 20; // that are free at the end of an arena
 constexpr qsizetype SmallBufferBytes = 2 << 20;
 constexpr qsizetype LargeBufferBytes = 64 << 20;
-constexpr int KeptBytes = 1 << 30;
-constexpr int PromptKeptBytes = 128 << 10; // malloc's own default
-constexpr qsizetype LargeBytes = 262'144; // of a message that is worth giving its memory back
-
-std::mutex g_threshold; // which is one for all threads
-int g_releases = 0; // that exist
-
-std::atomic<bool> g_isKept = false;
-std::atomic<Clock::time_point> g_lastLarge;
+constexpr qsizetype ManyBytes = 256 << 10; // of messages, after which free memory is counted
+constexpr size_t KeptBytes = 32 << 20; // of it
 
 } // namespace
 
 void setUpMemory()
 {
     mallopt(M_MMAP_THRESHOLD, MapFromBytes);
-    mallopt(M_TRIM_THRESHOLD, KeptBytes);
+    mallopt(M_TRIM_THRESHOLD, TrimFromBytes);
+    mallopt(M_MXFAST, 0); // so that small blocks are joined, and an arena's end can be given back
 }
 
 // A small buffer grows to twice what is needed, so that it is copied few times. A large one is
@@ -55,45 +43,13 @@ void growBuffer(QByteArray &buffer, qsizetype needed)
     madvise(buffer.data() + before, whole, MADV_HUGEPAGE);
 }
 
+// The end of an arena goes back as it is freed; malloc_trim(3) gives back what is free within.
 void messageHandled(qsizetype bytes)
 {
-    if (bytes < LargeBytes)
+    static std::atomic<qsizetype> handled = 0;
+    if ((handled += bytes) < ManyBytes)
         return;
-    g_lastLarge = Clock::now();
-    g_isKept = true;
-}
-
-bool isMemoryKept() { return g_isKept; }
-
-void giveMemoryBackIfDue()
-{
-    if (g_isKept && Clock::now() - g_lastLarge.load() >= Limits::Quiet)
-        giveMemoryBack();
-}
-
-void giveMemoryBack()
-{
-    g_isKept = false;
-    malloc_trim(0);
-}
-
-ReleaseAtOnce::ReleaseAtOnce(qsizetype messageBytes) : isWanted(messageBytes >= LargeBytes)
-{
-    if (!isWanted)
-        return;
-    const std::lock_guard lock(g_threshold);
-    if (g_releases++ == 0)
-        mallopt(M_TRIM_THRESHOLD, PromptKeptBytes);
-}
-
-ReleaseAtOnce::~ReleaseAtOnce()
-{
-    if (!isWanted)
-        return;
-    // What is small was only put aside; a large block makes malloc join it and give it back.
-    void *volatile const large = std::malloc(PromptKeptBytes);
-    std::free(large);
-    const std::lock_guard lock(g_threshold);
-    if (--g_releases == 0)
-        mallopt(M_TRIM_THRESHOLD, KeptBytes);
+    handled = 0;
+    if (mallinfo2().fordblks > KeptBytes)
+        malloc_trim(0);
 }

@@ -12,9 +12,9 @@
 //   replies      the answer as a response, a tool result if it was a tool call
 //   output       standard output, the only way to it
 //
-// Below them: JSON text as it is read (json_input; picture_input for a screenshot) and written
-// (json_writer, json_escape), lines (line_buffer), where freed memory goes (memory), and
-// server_limits. Each includes only what is below it.
+// Below them: JSON text as it is read (json_input) and written (json_writer, json_escape), lines
+// (line_buffer), where freed memory goes (memory), and server_limits. Nothing includes what is
+// above it; input, which knows whether a call was cancelled, and the catalogue stand beside.
 //
 // Two threads: the stdin reader, so that pings and cancellations are served while a call blocks,
 // and the main thread, which does everything else.
@@ -87,12 +87,10 @@ int main(int argc, char *argv[])
     std::thread reader(readStdin, std::ref(queue));
     while (std::optional<Request> request = queue.take()) {
         handle(request->message);
-        {
-            const ReleaseAtOnce release(request->size);
-            request.reset();
-        }
         QCoreApplication::processEvents();
-        giveMemoryBackIfDue();
+        const qsizetype size = request->message.lineBytes;
+        request.reset();
+        messageHandled(size);
     }
     reader.join();
     return 0;

@@ -2,7 +2,6 @@
 
 #include "exchange.h"
 #include "json_writer.h"
-#include "memory.h"
 #include "orrery_control.h"
 #include "server_limits.h"
 
@@ -34,18 +33,18 @@ QString clientName()
     return g_clientInfoName.isEmpty() ? u"MCP client"_s : g_clientInfoName;
 }
 
-JsonWriter requestLine(int id, const QString &method, const QJsonObject &params)
+JsonWriter requestLine(int id, const QString &method, const QJsonObject &params,
+                       QByteArrayView longString)
 {
     JsonWriter line;
-    line.beginObject();
-    line.key("id"_L1);
+    line.setLongString(longString);
+    line.text(R"({"id":)");
     line.integer(id);
-    line.key("method"_L1);
+    line.text(R"(,"method":)");
     line.string(method);
-    line.key("params"_L1);
+    line.text(R"(,"params":)");
     line.value(params);
-    line.endObject();
-    line.endLine();
+    line.text("}\n");
     return line;
 }
 
@@ -114,37 +113,36 @@ bool Pipe::greet(int helloTimeoutMs)
         { u"clientName"_s, clientName() },
         { u"pid"_s, QCoreApplication::applicationPid() },
     };
-    Answer response;
+    Message response;
     QString error;
-    if (!call(u"hello"_s, introduction, &response, &error, helloTimeoutMs)) {
+    if (!call(u"hello"_s, introduction, {}, &response, &error, helloTimeoutMs)) {
         if (debugging())
             std::fprintf(stderr, "orrery-mcp: hello failed: %s\n", error.toLocal8Bit().constData());
         return false;
     }
-    if (response.message.contains("error"_L1))
-        helloError = applicationErrorText(response.message.value("error"_L1));
+    if (response.object.contains("error"_L1))
+        helloError = applicationErrorText(response.object.value("error"_L1));
     return helloError.isEmpty();
 }
 
-bool Pipe::call(const QString &method, const QJsonObject &params, Answer *response, QString *error,
-                int timeoutMs)
+bool Pipe::call(const QString &method, const QJsonObject &params, QByteArrayView longString,
+                Message *response, QString *error, int timeoutMs)
 {
     nextId = nextId == INT_MAX ? 1 : nextId + 1;
     if (sock.state() != QLocalSocket::ConnectedState) {
         *error = u"write to Orrery failed"_s;
         return false;
     }
-    const JsonWriter request = requestLine(nextId, method, params);
+    const JsonWriter request = requestLine(nextId, method, params, longString);
     if (request.isTooLong()) {
         *error = u"the request is longer than 512 MiB"_s;
         return false;
     }
-    messageHandled(request.bytes().size());
     releaseAnswer();
-    Exchange exchange(sock, *holder, readBuffer, request.bytes(), nextId);
+    Exchange exchange(sock, *holder, readBuffer, request, nextId);
     const bool isAnswered = exchange.run(timeoutMs, response, error);
     // What is half written or may still come must not meet the next exchange. The buffer stays
-    // where the answer's picture may lie in it.
+    // where the answer's long string may lie in it.
     if (!isAnswered)
         drop();
     else if (!exchange.isRequestOut())

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "host_process.h"
+#include "json_input.h"
 #include "line_buffer.h"
-#include "picture_input.h"
 
 #include <QJsonObject>
 #include <QLocalSocket>
@@ -31,13 +31,14 @@ public:
     bool connect(int waitMs, int helloTimeoutMs);
 
     // Sends one request and waits timeoutMs for its response, from when the request is written;
-    // passes events on to the client meanwhile. An error response is a response. On false, *error
-    // says why, and the connection is down unless nothing of the request went out.
-    bool call(const QString &method, const QJsonObject &params, Answer *response, QString *error,
-              int timeoutMs);
+    // passes events on to the client meanwhile. longString is that of the params, see Message. An
+    // error response is a response. On false, *error says why, and the connection is down unless
+    // nothing of the request went out.
+    bool call(const QString &method, const QJsonObject &params, QByteArrayView longString,
+              Message *response, QString *error, int timeoutMs);
 
     // Gives the memory back that a large answer came in. Until then, and until the next call(), its
-    // picture stands.
+    // long string stands.
     void releaseAnswer();
 
     // The outcome of the last connect(): the application's refusal of the hello, and whether the

@@ -1,7 +1,6 @@
 #include "replies.h"
 
 #include "output.h"
-#include "picture_input.h"
 #include "server_limits.h"
 
 #include <QVariant>
@@ -11,43 +10,23 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr qsizetype AnswerBytes = 1 << 20; // that an answer has at least, beside the longest id
-
-// The "id" member of a response, which an undefined id leaves out.
-void putId(JsonWriter &line, const QJsonValue &id)
-{
-    if (id.isUndefined())
-        return;
-    line.key("id"_L1);
-    line.value(id);
-}
+constexpr qsizetype ManyKeysBytes = 4'096; // of an answer in which keys are probably repeated
+constexpr auto ImageKey = "imageBase64"_L1; // the member of a result that holds a picture
 
 // A success response around the result that putResult writes. False, with nothing written, when the
 // message would be too long.
 template <typename PutResult> bool replyWith(const QJsonValue &id, PutResult putResult)
 {
     JsonWriter line;
-    line.beginObject();
-    putId(line, id);
-    line.key("jsonrpc"_L1);
-    line.string("2.0"_L1);
-    line.key("result"_L1);
+    line.text(R"({"id":)");
+    line.value(id);
+    line.text(R"(,"jsonrpc":"2.0","result":)");
     putResult(line);
-    line.endObject();
-    line.endLine();
+    line.text("}\n");
     if (line.isTooLong())
         return false;
     writeMessage(line);
     return true;
-}
-
-void putTextBlock(JsonWriter &line, const QJsonValue &value, QLatin1StringView except = {})
-{
-    line.beginObject();
-    line.key("text"_L1);
-    jsonText(line, value, except);
-    line.key("type"_L1);
-    line.string("text"_L1);
-    line.endObject();
 }
 
 // A tool result whose content blocks putBlocks writes.
@@ -55,55 +34,43 @@ template <typename PutBlocks>
 bool replyContent(const QJsonValue &id, bool isError, PutBlocks putBlocks)
 {
     return replyWith(id, [&](JsonWriter &line) {
-        line.beginObject();
-        line.key("content"_L1);
-        line.beginArray();
+        line.text(R"({"content":[)");
         putBlocks(line);
-        line.endArray();
-        line.key("isError"_L1);
-        line.boolean(isError);
-        line.endObject();
+        line.text(isError ? R"(],"isError":true})" : R"(],"isError":false})");
     });
 }
 
-// A value as a tool result of one text block.
-bool replyTextBlock(const QJsonValue &id, const QJsonValue &value, bool isError,
-                    bool hasPlainKeys = false)
+void putTextBlock(JsonWriter &line, const QJsonValue &value, QLatin1StringView except = {})
 {
-    return replyContent(id, isError, [&](JsonWriter &line) {
-        line.keepKeys(hasPlainKeys);
-        putTextBlock(line, value);
-    });
+    line.text(R"({"text":)");
+    jsonText(line, value, except);
+    line.text(R"(,"type":"text"})");
 }
 
 // An object with a screenshot as an image block before the rest as text.
-bool replyImage(const QJsonValue &id, const QJsonObject &object, QByteArrayView picture)
+void putImage(JsonWriter &line, const QJsonObject &object)
 {
     const bool isJpeg = object.value("format"_L1).toString() == "jpeg"_L1;
-    return replyContent(id, false, [&](JsonWriter &line) {
-        line.beginObject();
-        line.key("data"_L1);
-        if (picture.isEmpty())
-            line.value(object.value(ImageKey));
-        else
-            line.borrowedString(picture);
-        line.key("mimeType"_L1);
-        line.string(isJpeg ? "image/jpeg"_L1 : "image/png"_L1);
-        line.key("type"_L1);
-        line.string("image"_L1);
-        line.endObject();
-        putTextBlock(line, object, ImageKey);
-    });
+    line.text(R"({"data":)");
+    line.value(object.value(ImageKey));
+    line.text(isJpeg ? R"(,"mimeType":"image/jpeg","type":"image"},)"
+                     : R"(,"mimeType":"image/png","type":"image"},)");
+    putTextBlock(line, object, ImageKey);
 }
 
-// A value as an image or as a text; picture and hasPlainKeys are those of an Answer.
-void replyValue(const QJsonValue &id, const QJsonValue &value, bool isError, QByteArrayView picture,
-                bool hasPlainKeys)
+// A value of a message as an image or as a text.
+void replyValue(const QJsonValue &id, const QJsonValue &value, bool isError, const Message &message)
 {
     const QJsonObject object = value.toObject();
-    const bool hasImage = !object.value(ImageKey).toString().isEmpty();
-    if (!(hasImage ? replyImage(id, object, picture)
-                   : replyTextBlock(id, value, isError, hasPlainKeys)))
+    const bool isSent = replyContent(id, isError, [&](JsonWriter &line) {
+        line.setLongString(message.longString);
+        line.keepKeys(message.hasPlainText && message.lineBytes >= ManyKeysBytes);
+        if (object.value(ImageKey).toString().isEmpty())
+            putTextBlock(line, value);
+        else
+            putImage(line, object);
+    });
+    if (!isSent)
         replyToolText(id, TooLongText, true);
 }
 
@@ -116,25 +83,20 @@ void reply(const QJsonValue &id, const QJsonObject &result)
 
 void replyWithJson(const QJsonValue &id, QByteArrayView result)
 {
-    replyWith(id, [&](JsonWriter &line) { line.json(result); });
+    replyWith(id, [&](JsonWriter &line) { line.text(result); });
 }
 
 void replyError(const QJsonValue &id, int code, const QString &message)
 {
     JsonWriter line;
-    line.beginObject();
-    line.key("error"_L1);
-    line.beginObject();
-    line.key("code"_L1);
+    line.text(R"({"error":{"code":)");
     line.integer(code);
-    line.key("message"_L1);
+    line.text(R"(,"message":)");
     line.string(message);
-    line.endObject();
-    putId(line, id);
-    line.key("jsonrpc"_L1);
-    line.string("2.0"_L1);
-    line.endObject();
-    line.endLine();
+    line.text(R"(},"id":)");
+    line.value(id);
+    line.text(R"(,"jsonrpc":"2.0"})"
+              "\n");
     constexpr qsizetype Excerpt = 64; // of a method's name, which may be as long as a line
     if (!line.isTooLong())
         writeMessage(line);
@@ -142,14 +104,14 @@ void replyError(const QJsonValue &id, int code, const QString &message)
         replyError(id, code, message.first(Excerpt));
 }
 
-bool isAnswerable(const QJsonObject &message, qsizetype lineBytes)
+bool isAnswerable(const QJsonValue &id, qsizetype lineBytes)
 {
     constexpr qsizetype Longest = Limits::MaxMessageBytes - AnswerBytes;
     constexpr qsizetype MostForAByte = 6; // a control character becomes \u0001
     if (lineBytes <= Longest / MostForAByte)
         return true;
     JsonWriter text;
-    text.value(message.value("id"_L1));
+    text.value(id);
     return !text.isTooLong() && text.bytes().size() <= Longest;
 }
 
@@ -163,16 +125,19 @@ void jsonText(JsonWriter &line, const QJsonValue &value, QLatin1StringView excep
 
 void replyToolText(const QJsonValue &id, const QString &text, bool isError, const QString &instead)
 {
-    if (!replyTextBlock(id, text, isError))
-        replyTextBlock(id, instead, true);
+    const auto put = [&](const QString &block) {
+        return replyContent(id, isError, [&](JsonWriter &line) { putTextBlock(line, block); });
+    };
+    if (!put(text))
+        put(instead);
 }
 
 void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError)
 {
-    replyValue(id, value, isError, {}, false);
+    replyValue(id, value, isError, {});
 }
 
-void replyToolResult(const QJsonValue &id, const Answer &answer)
+void replyToolResult(const QJsonValue &id, const Message &answer)
 {
-    replyValue(id, answer.message.value("result"_L1), false, answer.picture, answer.hasPlainKeys);
+    replyValue(id, answer.object.value("result"_L1), false, answer);
 }

@@ -1,15 +1,13 @@
 // What the client is answered: JSON-RPC 2.0 responses and, in them, tool results of the Model
-// Context Protocol. Each of these writes one message; an id that is undefined is left out of it.
+// Context Protocol. Each of these writes one message.
 
 #pragma once
 
+#include "json_input.h"
 #include "json_writer.h"
 
-#include <QJsonObject>
 #include <QJsonValue>
 #include <QString>
-
-struct Answer;
 
 // JSON-RPC 2.0, section 5.1.
 inline constexpr int ParseError = -32700;
@@ -24,7 +22,7 @@ void replyWithJson(const QJsonValue &id, QByteArrayView result);
 void replyError(const QJsonValue &id, int code, const QString &message);
 
 // Whether an answer to a message that came in so many bytes has room for its id, which comes back.
-[[nodiscard]] bool isAnswerable(const QJsonObject &message, qsizetype lineBytes);
+[[nodiscard]] bool isAnswerable(const QJsonValue &id, qsizetype lineBytes);
 
 // Writes a JSON value as a string for a reader: objects and arrays indented, a string as itself,
 // null as nothing. Without the member of an object that is called except.
@@ -42,4 +40,4 @@ void replyToolText(const QJsonValue &id, const QString &text, bool isError,
 void replyToolJSON(const QJsonValue &id, const QJsonValue &value, bool isError);
 
 // The same with the result of an application's answer.
-void replyToolResult(const QJsonValue &id, const Answer &answer);
+void replyToolResult(const QJsonValue &id, const Message &answer);

@@ -5,8 +5,6 @@
 
 #include <QtGlobal>
 
-#include <chrono>
-
 // A build for tests has shorter seconds and minutes, so that what takes minutes can be waited for.
 #ifndef ORRERY_SECOND_MS
 #define ORRERY_SECOND_MS 1'000
@@ -38,8 +36,6 @@ constexpr int QuitConnectMs = 2 * SecondMs;
 constexpr int QuitRequestMs = 5 * SecondMs;
 constexpr int QuitExitMs = 10 * SecondMs;
 constexpr int KillExitMs = 5 * SecondMs;
-
-constexpr std::chrono::milliseconds Quiet { 500 };
 
 constexpr qsizetype ChunkBytes = 65'536; // for which there is room whenever something is read
 constexpr qsizetype MaxPipeLineBytes = 268'435'456;

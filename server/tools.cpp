@@ -3,6 +3,7 @@
 #include "catalogue.h"
 #include "host_process.h"
 #include "input.h"
+#include "memory.h"
 #include "orrery_control.h"
 #include "pipe.h"
 #include "replies.h"
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -25,6 +27,7 @@ struct ToolCall
     const QJsonValue &id;
     const QString &tool;
     const QJsonObject &arguments;
+    QByteArrayView longString; // of the arguments
     int limitMs; // of what is asked of the application
 };
 
@@ -154,9 +157,9 @@ void quitApp(const ToolCall &call)
         exited = app.waitExit(Limits::KillExitMs);
     } else {
         if (g_pipe.connect(Limits::QuitConnectMs, Limits::RunningHelloMs)) {
-            Answer ignoredResponse;
+            Message ignoredResponse;
             QString ignoredError;
-            g_pipe.call(u"quit"_s, {}, &ignoredResponse, &ignoredError, call.limitMs);
+            g_pipe.call(u"quit"_s, {}, {}, &ignoredResponse, &ignoredError, call.limitMs);
         }
         // Whatever became of the request, what counts is whether the process ends.
         exited = app.waitExit(Limits::QuitExitMs);
@@ -181,15 +184,18 @@ void relayTool(const ToolCall &call)
     }
 
     setInFlight(call.id.toInteger(NoCall));
-    Answer answer;
-    const bool isAnswered = g_pipe.call(call.tool, call.arguments, &answer, &error, call.limitMs);
+    Message answer;
+    const bool isAnswered = g_pipe.call(call.tool, call.arguments, call.longString, &answer, &error,
+                                        call.limitMs);
     setInFlight(NoCall);
 
     if (isAnswered)
         replyAnswer(call.id, answer);
     else
         replyToolText(call.id, u"Orrery call failed: "_s + error, true);
+    const qsizetype size = std::exchange(answer, {}).lineBytes;
     g_pipe.releaseAnswer();
+    messageHandled(size);
 }
 
 // A tool that is carried out in a way of its own, or has a time limit of its own.
@@ -212,16 +218,15 @@ constexpr Tool OtherTool { {}, Limits::CallMs, relayTool };
 
 } // namespace
 
-void replyAnswer(const QJsonValue &id, const Answer &answer)
+void replyAnswer(const QJsonValue &id, const Message &answer)
 {
-    const QJsonObject &message = answer.message;
-    if (message.contains("error"_L1))
-        replyToolText(id, applicationErrorText(message.value("error"_L1)), true);
+    if (answer.object.contains("error"_L1))
+        replyToolText(id, applicationErrorText(answer.object.value("error"_L1)), true);
     else
         replyToolResult(id, answer);
 }
 
-void toolsCall(const QJsonValue &id, const QJsonObject &params)
+void toolsCall(const QJsonValue &id, const QJsonObject &params, QByteArrayView longString)
 {
     const QString name = params["name"_L1].toString();
     const QJsonObject arguments = params["arguments"_L1].toObject();
@@ -234,5 +239,5 @@ void toolsCall(const QJsonValue &id, const QJsonObject &params)
     const auto *const own = std::find_if(OwnTools.begin(), OwnTools.end(),
                                          [&](const Tool &tool) { return tool.name == name; });
     const Tool &tool = own == OwnTools.end() ? OtherTool : *own;
-    tool.carryOut({ id, name, arguments, tool.limitMs });
+    tool.carryOut({ id, name, arguments, longString, tool.limitMs });
 }

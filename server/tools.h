@@ -3,13 +3,13 @@
 
 #pragma once
 
-#include <QJsonObject>
+#include "json_input.h"
+
 #include <QJsonValue>
 
-struct Answer;
-
-// Carries out one tools/call and writes its one response, whose id is id.
-void toolsCall(const QJsonValue &id, const QJsonObject &params);
+// Carries out one tools/call and writes its one response, with this id. longString is that of the
+// params, see Message.
+void toolsCall(const QJsonValue &id, const QJsonObject &params, QByteArrayView longString);
 
 // An application's answer to a relayed tool as the response to the client.
-void replyAnswer(const QJsonValue &id, const Answer &answer);
+void replyAnswer(const QJsonValue &id, const Message &answer);

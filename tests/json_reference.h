@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include "json_input.h"
 #include "json_writer.h"
 
 #include <QJsonArray>
@@ -27,15 +28,29 @@ inline JsonTexts referenceTexts(const QJsonDocument &document)
     return { document.toJson(QJsonDocument::Compact), compactJson(indented) };
 }
 
-// What the writer makes of them; keepsKeys: see there.
-inline JsonTexts writtenTexts(const QJsonDocument &document, bool keepsKeys)
+// What the writer makes of them; keepsKeys and longString: see there.
+inline JsonTexts writtenTexts(const QJsonValue &value, bool keepsKeys,
+                              QByteArrayView longString = {})
 {
-    const QJsonValue value = document.isArray() ? QJsonValue(document.array()) : document.object();
-    JsonWriter compact;
-    JsonWriter reader;
-    compact.keepKeys(keepsKeys);
-    reader.keepKeys(keepsKeys);
-    compact.value(value);
-    reader.readerText(value);
-    return { compact.bytes().toByteArray(), reader.bytes().toByteArray() };
+    const auto text = [&](auto write) {
+        JsonWriter writer;
+        writer.keepKeys(keepsKeys);
+        writer.setLongString(longString);
+        write(writer);
+        QByteArray whole;
+        for (const QByteArrayView piece : writer.pieces())
+            whole += piece;
+        return whole;
+    };
+    return { text([&](JsonWriter &writer) { writer.value(value); }),
+             text([&](JsonWriter &writer) { writer.readerText(value); }) };
+}
+
+// Whether a line whose long string stands apart says what it says as a whole.
+inline bool saysTheSame(const Message &message, QByteArrayView line)
+{
+    const std::optional<Message> whole = parseMessage(line);
+    return whole
+           && writtenTexts(message.object, false, message.longString)
+                      == writtenTexts(whole->object, false);
 }

@@ -224,6 +224,55 @@ private Q_SLOTS:
         }
     }
 
+    // Wherever it is. A ~ is the string.
+    void keepsLongStrings_data()
+    {
+        QTest::addColumn<QString>("line");
+        QTest::addColumn<QString>("answer");
+        const auto row = [](const char *name, const QByteArray &line, const QByteArray &answer) {
+            QTest::newRow(name) << QString::fromLatin1(line) << QString::fromLatin1(answer);
+        };
+        const auto text = [](const QByteArray &shown, bool isError) {
+            return "{\"id\":1,\"jsonrpc\":\"2.0\",\"result\":{\"content\":[{\"text\":\"" + shown
+                   + "\",\"type\":\"text\"}],\"isError\":" + (isError ? "true}}" : "false}}");
+        };
+        const auto said = [](const QByteArray &lines) {
+            return toolCall(1, u"get_vm"_s, withSteps(sendStep(lines)));
+        };
+        row("an id", R"({"id":"~","method":"ping"})", R"({"id":"~","jsonrpc":"2.0","result":{}})");
+        row("of an id", R"({"id":["~"],"method":"tools/call","params":{"name":"no"}})",
+            R"({"id":["~"],)" + text("unknown tool: no", true).sliced(8));
+        row("a method", R"({"id":1,"method":"~"})",
+            R"({"error":{"code":-32601,"message":"Method not found: ~"},"id":1,"jsonrpc":"2.0"})");
+        row("a tool", R"({"id":1,"method":"tools/call","params":{"name":"~"}})",
+            text("unknown tool: ~", true));
+        row("a result", said("{\"id\":$id,\"result\":\"~\"}\n"), text("~", false));
+        row("of a result", said("{\"id\":$id,\"result\":[\"~\"]}\n"),
+            text(R"([\n    \"~\"\n])", false));
+        row("an error", said("{\"id\":$id,\"error\":{\"code\":\"a\",\"message\":\"~\"}}\n"),
+            text("Orrery error [a]: ~", true));
+        row("events", said("{\"method\":\"~\"}\n{\"params\":[\"~\"]}\n{\"method\":3}\n" + Answer),
+            eventLine(R"({"event":"~"})") + '\n' + eventLine(R"({"detail":["~"]})") + '\n'
+                    + eventLine(R"({"event":3})") + '\n' + text("1", false));
+    }
+
+    void keepsLongStrings()
+    {
+        QFETCH(QString, line);
+        QFETCH(QString, answer);
+        const QString text(100'000, u'x');
+        const Installation home;
+        const Application app(home);
+        Server server(home);
+        server.send(line.replace(u'~', text).toLatin1());
+        for (QString part : answer.split(u'\n'))
+            QCOMPARE(QString::fromLatin1(server.line()), part.replace(u'~', text));
+        const QByteArray call = toolCall(1, u"get_vm"_s, { { u"a"_s, text } });
+        server.send(call);
+        QVERIFY(!isError(parsed(server.line())));
+        QCOMPARE(home.received().last()["params"_L1], parsed(call)["params"_L1]["arguments"_L1]);
+    }
+
     void anApplicationThatDoesNotReadFailsTheWrite()
     {
         const HastyInstallation home;
