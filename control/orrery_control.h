@@ -1,10 +1,9 @@
-// The control module: what the two ends of Orrery's control pipe, the application and its clients,
-// have in common. Names the pipe, tells who sits at its other end, and which program a process
-// runs.
+// The control module, which both ends of Orrery's control pipe share: the application and its
+// clients. It names the pipe, and tells who is at its other end and which program a process runs.
 //
-// All functions are stateless; those that ask for this program's own place need a
-// QCoreApplication. Nothing here reports an error: what cannot be read is unknown (0 or an empty
-// string), and what is unknown is not trusted.
+// All functions are stateless; those that ask where this program lies need a QCoreApplication.
+// Nothing here reports an error: what cannot be read is unknown (0 or an empty string), and what is
+// unknown is not trusted.
 
 #pragma once
 
@@ -18,11 +17,11 @@ namespace OrreryControl {
 // a name without a slash in the temporary directory (TMPDIR, else /tmp).
 [[nodiscard]] QString pipeName();
 
-// Connects the socket to the pipe, whoever holds it, within about limitMs milliseconds. False when
-// nothing listens there, and, only then with a wait, while the listener takes no connections. The
-// socket's error() tells why: SocketAccessError if the pipe may not be connected to,
-// ConnectionRefusedError if nobody listens, ServerNotFoundError if it is not there, another one
-// while the listener takes no connections.
+// Connects the socket to the pipe, whoever holds it. Gives up at once when it cannot connect, and
+// after about limitMs milliseconds when the listener takes no connections. On false, the socket's
+// error() tells why: SocketAccessError if this user may not connect, ConnectionRefusedError if
+// nobody listens, ServerNotFoundError if the pipe is not there, another error if the listener takes
+// no connections.
 bool reachPipe(QLocalSocket &socket, int limitMs);
 
 // The process that holds the server end of a connected client's pipe, as the kernel recorded it
@@ -33,9 +32,9 @@ bool reachPipe(QLocalSocket &socket, int limitMs);
 [[nodiscard]] unsigned long peerClientPid(const QLocalSocket &socket);
 
 // The path of the executable that a process runs (/proc/PID/exe, proc(5)), without the " (deleted)"
-// that Linux appends once the file is gone. Where this program and the process were both started
-// from one AppImage file, and the two executables have the same contents (files up to 256 MiB are
-// compared), the path is the one inside this program's own mount. Empty when it cannot be read.
+// that Linux appends once the file is gone. If this program and the process both come from one
+// AppImage file, the path is the one inside this program's own mount, provided that the file there
+// has the same contents (files over 256 MiB never count). Empty when it cannot be read.
 [[nodiscard]] QString processImagePath(unsigned long pid);
 
 // The value of a variable in the environment that a process was started with (/proc/PID/environ,
@@ -50,7 +49,7 @@ bool reachPipe(QLocalSocket &socket, int limitMs);
 [[nodiscard]] bool isSiblingProcess(unsigned long pid, const QString &name);
 
 // The path of the file called name next to this program's executable; it need not exist. Empty when
-// this program's own place is unknown.
+// the executable's own path is unknown.
 [[nodiscard]] QString siblingPath(const QString &name);
 
 // The file name of an executable called name on this platform: on Linux, name itself.
@@ -59,11 +58,11 @@ bool reachPipe(QLocalSocket &socket, int limitMs);
 // Whether two paths are the same string. Nothing is resolved or normalised.
 [[nodiscard]] bool samePath(const QString &a, const QString &b);
 
-// Whether APPDIR, canonical, contains this program's own directory.
+// Whether this program lies below APPDIR, symbolic links resolved.
 [[nodiscard]] bool isInsideAppDir();
 
-// The canonical path of the AppImage file that this program runs from. Empty when it runs from
-// none; APPIMAGE and APPDIR are believed only if isInsideAppDir().
+// The canonical path of the AppImage file that this program runs from, empty when it runs from
+// none. APPIMAGE is believed only if isInsideAppDir().
 [[nodiscard]] QString ownAppImage();
 
 } // namespace OrreryControl

@@ -1,4 +1,4 @@
-// Values that come later, on the event loop, and what a tool answers.
+// Values that come later, through the event loop, and the answers of tools.
 
 #pragma once
 
@@ -9,16 +9,16 @@
 #include <memory>
 #include <optional>
 
-void resumeSoon(std::coroutine_handle<> waiter); // from the event loop
+void resumeSoon(std::coroutine_handle<> waiter); // from the event loop, never inside this call
 
-// What an asynchronous function gives, which may be a coroutine: co_await waits for the value,
-// co_return sets it. Copies share the value; one of them at most may be waited for at a time.
+// What an asynchronous function returns. It may be a coroutine: co_await waits for the value,
+// co_return sets it. Copies share the value; only one may be waited for at a time.
 template <typename T> class Later
 {
 public:
     struct promise_type
     {
-        promise_type() { } // so that the coroutine's arguments do not initialise it
+        promise_type() { } // keeps the coroutine's arguments from initialising it
         Later get_return_object() const { return later; }
         std::suspend_never initial_suspend() const { return {}; }
         std::suspend_never final_suspend() const noexcept { return {}; }
@@ -54,11 +54,11 @@ private:
     std::shared_ptr<State> state = std::make_shared<State>();
 };
 
-Later<bool> pause(int ms); // is there after that many milliseconds
+Later<bool> pause(int ms); // comes after that many milliseconds
 
 using Answer = QJsonObject; // with "result", or with "error"
 
-// Keys and their values in turn.
+// An object of keys and values that alternate.
 template <typename... Rest>
 QJsonObject object(QLatin1StringView key, const QJsonValue &value, const Rest &...rest)
 {

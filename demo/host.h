@@ -1,5 +1,5 @@
-// What this host gives: programs that run as children, memory and disk space, and the files of
-// Small Linux, which lie in the folder "guest" beside this program: kernel, initrd, version.
+// What this host offers: programs to run as children, memory and disk space, and the files of Small
+// Linux (kernel, initrd, version), which lie in the folder "guest" beside this program.
 
 #pragma once
 
@@ -9,20 +9,20 @@
 #include <QProcess>
 
 int hostProcessors();
-int hostMemoryGB(); // that one machine may have: all but what the host itself needs
+int hostMemoryGB(); // for one machine at most: all but what the host itself needs
 int availableMemoryGB(); // now
 qint64 freeDiskGB(const QString &folder);
 QString guestFile(const QString &name);
 
-// What of the programs and files is missing, and how to get it; empty when all is there.
+// Which programs and files are missing, and how to get them; empty when all are there.
 QString missingOnHost();
 
 // Starts a program that inherits the descriptors. The kernel kills it when this process ends,
-// however that does; it goes by the thread that forks, so call it from the main one.
+// however that happens. It goes by the thread that forks, so call this from the main thread.
 void startBound(QProcess &process, const QString &program, const QStringList &arguments,
                 const QList<int> &inherited = {});
 
-// Kills what still runs after that many milliseconds, unless that value has come.
+// Kills a process that still runs after that many milliseconds, unless the value has come by then.
 Later<bool> killAfter(QPointer<QProcess> process, int ms, Later<QJsonObject> unless = {});
 
 struct Outcome
@@ -33,9 +33,9 @@ struct Outcome
     int exitCode = -1; // -1: not started, or killed
     QByteArray output;
     QByteArray errors;
-    bool tooMuch = false; // killed for having said more than 16 MiB
+    bool tooMuch = false; // killed because it wrote more than 16 MiB
 };
 
-// Runs a program in a folder to its end, bound as above; it is killed after limitMs milliseconds.
+// Runs a program in a folder to its end, bound as above, and kills it after limitMs milliseconds.
 Later<Outcome> run(const QString &program, const QStringList &arguments, const QString &folder,
                    int limitMs = 60'000);

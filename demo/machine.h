@@ -1,4 +1,4 @@
-// One machine: its settings, its state and its log, and the QEMU process that it is while it runs.
+// One machine: its settings, its state and its log, and, while it runs, its QEMU process.
 
 #pragma once
 
@@ -13,24 +13,24 @@
 class Machine
 {
 public:
-    // A stopped machine with a folder of its own, where disk.qcow2 is, and of the settings that
-    // get_vm returns.
+    // A stopped machine with the settings that get_vm returns, and a folder of its own, in which
+    // disk.qcow2 is.
     Machine(const QString &place, const QJsonObject &initial) : folder(place), settings(initial) { }
 
     QString text(QLatin1StringView key) const { return settings[key].toString(); }
     bool flag(QLatin1StringView key) const { return settings[key].toBool(); }
     bool is(QLatin1StringView state) const { return text(QLatin1StringView("state")) == state; }
 
-    // What a tool gives of the machine: the settings of these names.
+    // The settings of these names, for a tool's answer.
     QJsonObject pick(std::initializer_list<QLatin1StringView> keys) const;
 
-    // They say what went wrong, or nothing. While they work the machine is busy, and has to stay.
+    // These return what went wrong, or nothing. Meanwhile the machine is busy, and has to stay.
     Later<QString> boot(); // from stopped
     Later<QString> suspend(); // running: its memory goes into the disk's file
     Later<QString> resume(); // suspended
     Later<QString> dropMemory(); // suspended, then stopped
 
-    // Runs qemu-img in the folder: its words, with a blank between them.
+    // Runs qemu-img in the folder, with arguments that blanks separate.
     Later<Outcome> diskTool(const QString &words) const;
 
     QDir folder;
@@ -39,10 +39,10 @@ public:
     QString lastError;
     std::unique_ptr<Qemu> qemu; // while it runs
     QElapsedTimer started; // since the last start, while it runs
-    bool booted = false; // the guest's tools have spoken since then
+    bool booted = false; // the guest's tools have reported since then
     bool accelerated = false; // by the host's processor, not emulated
     bool busy = false;
-    bool screenIsRead = false; // which takes several commands
+    bool screenIsRead = false; // right now, which takes several commands
 
 private:
     Later<QString> launch(const QStringList &more = {});
@@ -57,7 +57,7 @@ private:
 
 using MachinePtr = std::shared_ptr<Machine>;
 
-// Sets a flag of a machine for as long as it lives.
+// Sets a machine's flag for as long as this object lives.
 struct Flag
 {
     explicit Flag(bool &flag) : set(flag) { set = true; }

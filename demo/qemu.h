@@ -1,5 +1,5 @@
-// One QEMU process: its monitor (QMP), its serial line, and the line to the guest's tools. All
-// three are descriptors that it inherits, so they have no names that anybody else could use.
+// One QEMU process: its monitor (QMP), its serial line, and the line to the guest's tools. It
+// inherits all three as descriptors, so they have no names that anybody else could use.
 
 #pragma once
 
@@ -18,24 +18,24 @@ public:
         std::function<void(const QString &error)> ended; // its last words, or nothing
     };
 
-    // Starts it in a folder; what its lines need is added to the arguments.
+    // Starts it in a folder, and adds to the arguments what its lines need.
     Qemu(const QStringList &arguments, const QString &folder, Listener listener);
     ~Qemu() override;
 
-    // A command of QMP; the answer has "return" or "error", the latter also once it has ended.
+    // A QMP command; the answer has "return" or "error", the latter also once QEMU has ended.
     Later<QJsonObject> command(const QString &name, const QJsonObject &arguments = {});
 
-    // A command of the human monitor; gives what that says.
+    // A command of the human monitor; the answer has what that says.
     Later<QJsonObject> monitor(const QString &line);
 
-    // Runs a shell command as root through the guest's tools; gives "exit" and, of both streams,
-    // "output", or nothing when 25 s have passed.
+    // Runs a shell command as root through the guest's tools. The answer has "exit" and, with both
+    // streams in it, "output"; it is empty when 25 s have passed.
     Later<QJsonObject> inGuest(const QString &shellCommand);
 
-    // Ends it: politely, and if that does not help, by force.
+    // Ends it: politely, or by force if that does not help.
     void cutPower();
 
-    // The first answer: the machine is made, and its processors could be started.
+    // The first answer, which comes once the machine is made and its processors can be started.
     Later<QJsonObject> up;
 
 private:

@@ -1,4 +1,4 @@
-// The tools of the catalogue, and the call of one.
+// The tools of the catalogue, and calls of them.
 
 #pragma once
 
@@ -8,7 +8,7 @@
 
 using Reply = Later<Answer>;
 
-// One call of a tool. It stays until the answer is there, so a tool may keep the reference.
+// One call of a tool. It lives until the answer is there, so a tool may keep a reference to it.
 struct Call
 {
     QString text(QLatin1StringView name) const { return arguments[name].toString(); }
@@ -18,42 +18,42 @@ struct Call
     World &world;
     QJsonObject arguments; // checked
     std::function<bool()> wanted; // whether somebody still waits for the answer
-    MachinePtr machine; // of tools for machines: what "id" names
-    JobPtr job; // of tools for jobs: what "jobId" names
+    MachinePtr machine; // which "id" names, for tools that work on a machine
+    JobPtr job; // which "jobId" names, for tools that work on a job
 };
 
-// A tool of the catalogue, which makes itself known as it is made.
+// A tool of the catalogue; its constructor registers it.
 class Tool
 {
 public:
     using Run = Reply (*)(const Call &call);
 
-    // Its name, and words for what must hold of machine and arguments.
+    // Its name, and words for what must be true of the machine and the arguments.
     Tool(const char *name, const char *needs, Run run)
     {
         all()[QString::fromLatin1(name)] = { QString::fromLatin1(needs), run };
     }
 
-    // Carries out one; its arguments and what it needs are checked here.
+    // Carries out a call, after checking its arguments and what the tool needs.
     static Later<Answer> carryOut(QString name, Call &call);
 
 private:
     static QHash<QString, std::pair<QString, Run>> &all();
 };
 
-// How often, in milliseconds, a tool looks whether what it waits for has come.
+// How often, in milliseconds, a tool checks whether what it waits for has come.
 constexpr int LookMs = 50;
 
-// The answer to a call of no tool of the catalogue, or with arguments that its schemas and the
-// ranges in its prose rule out. What one argument asks of another is checked by the tool.
+// The answer to a call of an unknown tool, or with arguments outside the catalogue's schemas or the
+// ranges in its prose. The tool itself checks what one argument asks of another.
 std::optional<Answer> refuseArguments(const QString &tool, const QJsonObject &arguments);
 
-// The settings of a machine that tools tell.
+// The settings of a machine that tools report.
 QJsonObject told(const Machine &machine);
 
-// The screen as it is now, null where the machine has ended; keeps the size in its settings.
+// The screen as it is now, null if the machine has ended. Stores its size in the settings.
 Later<QImage> takePicture(MachinePtr machine);
 
-// The answer of capture_screen for its arguments region, scale, format and output: a PNG or JPEG as
-// "imageBase64", or the path of a file with it.
+// The answer of capture_screen to its arguments region, scale, format and output: a PNG or JPEG as
+// "imageBase64", or the path of a file that has it.
 Answer captured(const QImage &screen, const QJsonObject &arguments);

@@ -8,9 +8,9 @@
 #include <QMap>
 
 const QString smallLinux = QStringLiteral("small-linux"); // the id of its image
-const QString guestToolsVersion = QStringLiteral("1.0"); // which Small Linux has
+const QString guestToolsVersion = QStringLiteral("1.0"); // in Small Linux
 
-// The answer where these settings of a machine ask for what there cannot be, here or at all.
+// The refusal if a machine's settings ask for something impossible, on this host or at all.
 std::optional<Answer> refuseHardware(const QJsonObject &settings);
 
 using JobPtr = std::shared_ptr<QJsonObject>; // as job_status returns it
@@ -24,20 +24,20 @@ public:
     explicit World(EventSink eventSink) : sink(std::move(eventSink)) { }
     ~World(); // ends the machines and removes the folder
 
-    // Makes the folder, in place of one that a killed application left; says why it cannot. To be
-    // called by the one application that may serve the pipe.
+    // Makes the folder, in place of one that a killed application left, or says why it cannot. Only
+    // the one application that may serve the pipe may call this.
     QString open();
 
-    // Creates and starts the machine that there is from the start.
+    // Creates and starts the first machine, without being asked.
     Later<bool> begin();
 
-    // The job that creates a machine of create_vm's arguments.
+    // Starts the job that creates a machine from create_vm's arguments.
     JobPtr startCreation(QJsonObject arguments);
 
-    // Whether a machine has the name, or a running job is to give it to one.
+    // Whether a machine has the name, or will get it from a running job.
     bool isTaken(const QString &name) const;
 
-    // The answer where the host has no memory left for a machine that is to run.
+    // The refusal if the host has no memory left to run the machine.
     std::optional<Answer> refuseStart(const Machine &machine) const;
 
     QString place; // the folder

@@ -1,5 +1,5 @@
-// What the doctor found, check by check: as text for a reader, each line as soon as it is known, or
-// as JSON to attach to a report.
+// What the doctor found, check by check: as text, each line as soon as it is known, or as JSON to
+// attach to a report.
 
 #pragma once
 
@@ -10,7 +10,7 @@
 // A warning may keep a client from working; a fault does.
 enum class Outcome { Ok, Warning, Fault };
 
-// Something that may be so, what it would mean, and what to do about it (nothing for Ok).
+// Something that may be true, what it would mean, and what to do about it (nothing for Ok).
 struct Case
 {
     bool holds;
@@ -23,11 +23,11 @@ struct Case
 class Report
 {
 public:
-    // Aloud, it prints each check to standard output when it is added, quoted lines indented
-    // below it. What came from the environment cannot control a terminal or flood it.
+    // If isAloud, prints each check to standard output as it is added, with quoted lines indented
+    // below. What came from the environment can neither control nor flood a terminal.
     explicit Report(bool isAloud) : aloud(isAloud) { }
 
-    // Adds the first case that holds as the check of this name, a word; false when none does.
+    // Adds the first case that holds, under this name, which is one word; false when none holds.
     bool judge(const QString &name, std::initializer_list<Case> cases);
 
     [[nodiscard]] bool hasFault() const { return count(Outcome::Fault) != 0; }

@@ -1,4 +1,4 @@
-// The server as a child process, and the requests that a client sends it.
+// The server as a child process, and requests as a client sends them.
 
 #pragma once
 
@@ -18,27 +18,26 @@ public:
         qint64 tookMs = 0;
     };
 
-    // Starts the file, so that it says on standard error what it meets. Whether that went well is
-    // for the first request to tell.
+    // Starts the file with its diagnostics on. The first request tells whether that worked.
     explicit ServerProcess(const QString &program);
     ~ServerProcess();
     ServerProcess(const ServerProcess &) = delete;
     ServerProcess &operator=(const ServerProcess &) = delete;
 
-    // Sends a request and waits limitMs for its result. There is none when no answer or an error
-    // came, the server ended, or giveUp, asked now and then, returned true.
+    // Sends a request and waits limitMs milliseconds for its result. There is none if no answer or
+    // an error came, if the server ended, or if giveUp, asked now and then, returned true.
     [[nodiscard]] Answer ask(const QString &method, const QJsonObject &params, int limitMs,
                              const std::function<bool()> &giveUp = {});
 
-    // The same for a tool without arguments. The result is the object in the tool's own, whose
-    // error text is a reason too.
+    // The same for a tool, called without arguments. The result is the object that the tool result
+    // holds as text; the text of a failed one is the error.
     [[nodiscard]] Answer call(const QString &tool, int limitMs,
                               const std::function<bool()> &giveUp = {});
 
     // Ends the server, by force if it is in a call. What it launched stays.
     void stop();
 
-    // The last lines of its standard error that were not taken yet.
+    // The last lines of its standard error that nobody has taken yet.
     [[nodiscard]] QStringList takeLastWords();
 
     [[nodiscard]] qint64 processId() const { return process.processId(); }

@@ -1,4 +1,4 @@
-// The host module: this installation's application as a process of this host. Finds it, tells its
+// The host module: this installation's application as a process on this host. Finds it, tells its
 // version, waits for its end and kills it.
 
 #pragma once
@@ -9,21 +9,21 @@
 namespace HostProcess {
 
 // The path of the application's file, "orrery" next to this program; it need not exist. Empty when
-// this program's own place is unknown.
+// this program's own path is unknown.
 [[nodiscard]] QString appExe();
 
-// The id of a running process of this user that executes the application's file next to this
-// program (proc(5)); 0 when there is none. Where several run, the first that /proc lists.
+// The id of a process of this user that executes the application's file (proc(5)); 0 when there is
+// none. If several run, the first that /proc lists.
 [[nodiscard]] unsigned long findApp();
 
 // All of them, in that order.
 [[nodiscard]] QList<unsigned long> findApps();
 
-// A process of another user that executes that file or, where the kernel does not tell which file
-// it executes, bears its name; 0 when there is none. For reports only: anybody may bear a name.
+// A process of another user that executes that file or, if the kernel does not tell which file it
+// executes, has its name; 0 when there is none. For reports only: any process can have a name.
 [[nodiscard]] unsigned long findForeignApp();
 
-// Whether a process, of whatever user, executes that file. False when that cannot be told.
+// Whether a process, of any user, executes that file. False when nobody can tell.
 [[nodiscard]] bool isApp(unsigned long pid);
 
 // The version of the executable at path: the product version ("0.1.147") for the key
@@ -36,9 +36,9 @@ namespace HostProcess {
 void binaryStdout();
 void binaryStdin();
 
-// A handle on a running process (pidfd_open(2), Linux 5.3). It means the process that had the id
-// when the handle was opened, even if the id is used again. An empty handle, one that could not be
-// opened, does nothing quietly.
+// A handle on a running process (pidfd_open(2), Linux 5.3). It keeps meaning the process that had
+// the id when the handle was opened, even if the id is reused. A handle that could not be opened is
+// empty, and quietly does nothing.
 class Handle
 {
 public:
@@ -49,7 +49,7 @@ public:
 
     [[nodiscard]] bool isValid() const;
 
-    // For poll(2) together with others: readable once the process has ended. -1 when empty.
+    // For poll(2): readable once the process has ended. -1 when empty.
     [[nodiscard]] int descriptor() const;
 
     // Waits at most ms milliseconds (without limit when negative) for the process to end. True when
@@ -57,7 +57,7 @@ public:
     // handle.
     [[nodiscard]] bool waitExit(int ms);
 
-    // Kills the process with SIGKILL. Whether it ended is for waitExit() to tell.
+    // Kills the process with SIGKILL. waitExit() tells whether it has ended.
     void terminate();
 
 private:
