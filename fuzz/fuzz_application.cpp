@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                     static_cast<size_t>(piece.size()));
         buffer.added(piece.size());
         if (!lines.answer)
-            lines.take(false);
+            lines.take(nullptr);
         if (!lines.refusal.isEmpty())
             std::abort(); // nothing here is too long
     }

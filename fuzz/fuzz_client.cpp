@@ -21,14 +21,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const qsizetype cut = input.size() * data[0] / 256;
     RequestQueue queue;
     LineBuffer buffer;
-    for (const QByteArrayView piece : { input.first(cut), input.sliced(cut) }) {
+    for (const QByteArrayView piece : { input.first(cut), input.sliced(cut), { "\n", 1 } }) {
         std::memcpy(buffer.space(piece.size()).data(), piece.data(),
                     static_cast<size_t>(piece.size()));
         buffer.added(piece.size());
         receiveLines(buffer, queue);
     }
-    receiveRest(buffer, queue);
-    queue.endInput();
+    queue.append({});
     while (const std::optional<Request> request = queue.take())
         handle(request->message);
 

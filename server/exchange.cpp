@@ -40,53 +40,42 @@ void putEvent(JsonWriter &lines, const QJsonObject &event)
 
 } // namespace
 
-qint64 PipeLines::take(bool isTimed)
+void PipeLines::take(qint64 *idleMs)
 {
-    qint64 clientIdleMs = 0;
     qsizetype taken = 0; // bytes
     const auto passOn = [&] {
-        if (isTimed)
-            clientIdleMs += writeMessageTimed(events);
+        if (events.isTooLong())
+            refusal = u"Orrery sent an event that makes a message of more than 512 MiB"_s;
         else
-            writeMessage(events);
+            writeMessage(events, idleMs);
         events.clear();
     };
     while (refusal.isEmpty() && !events.isTooLong()
            && std::max(taken, events.bytes().size()) < Limits::EventBatchBytes) {
         const std::optional<QByteArrayView> line = input.takeLine();
         mayHaveMore = line.has_value();
-        if (!line)
+        const qsizetype size = line.value_or(input.rest()).size();
+        if (size > Limits::MaxPipeLineBytes)
+            refusal = u"Orrery sent a line of more than 256 MiB"_s;
+        if (!line || !refusal.isEmpty())
             break;
-        // What stands ready does not wait for what is large, whose long string stands in the
-        // buffer.
-        const bool isLarge = events.bytes().size() + line->size() > Limits::EventBatchBytes;
-        if (isLarge)
+        // What stands ready does not wait for what is large.
+        if (events.bytes().size() + size > Limits::EventBatchBytes)
             passOn();
-        const qsizetype size = line->size();
         takeLine(*line);
-        taken += size + 1;
         if (answer)
-            break; // see releaseAnswer()
-        if (isLarge && !events.isTooLong())
-            passOn();
+            break; // whose long string stands in the buffer
+        if (events.hasLongString())
+            passOn(); // while that stands there
         input.releaseTaken();
         messageHandled(size);
+        taken += size + 1;
     }
-    if (events.isTooLong())
-        refusal = u"Orrery sent an event that makes a message of more than 512 MiB"_s;
-    else
-        passOn();
-    if (!mayHaveMore && input.rest().size() > Limits::MaxPipeLineBytes)
-        refusal = u"Orrery sent a line of more than 256 MiB"_s;
-    return clientIdleMs;
+    passOn();
 }
 
 void PipeLines::takeLine(QByteArrayView line)
 {
-    if (line.size() > Limits::MaxPipeLineBytes) {
-        refusal = u"Orrery sent a line of more than 256 MiB"_s;
-        return;
-    }
     std::optional<Message> message = parseAroundLongString(line);
     if (!message || message->object.contains("error"_L1)) { // of which a text is made
         if (isTooCostly(line)) {
@@ -147,7 +136,9 @@ bool Exchange::isOver(QString *reason)
     };
     if (isOut && answerLimit.hasExpired()) // also where the answer came, but was not taken in time
         return end(u"Orrery did not answer in time"_s);
-    writeLimit += lines.take(!isOut); // it may not read before the client has taken what it says
+    qint64 clientIdleMs = 0; // the application may not read before its events have been taken
+    lines.take(isOut ? nullptr : &clientIdleMs);
+    writeLimit += clientIdleMs;
     if (lines.answer)
         return true;
     if (!lines.refusal.isEmpty())

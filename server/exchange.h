@@ -27,10 +27,9 @@ public:
     PipeLines(LineBuffer &buffer, int request) : input(buffer), requestId(request) { }
 
     // Works through what was received: passes events on to the client, and drops answers to other
-    // requests. Ends with the answer, with a line that is refused, with as much as goes out in one
-    // write, or when no whole line is left. If isTimed, gives the milliseconds in which the
-    // client took none of the events, see writeMessageTimed().
-    qint64 take(bool isTimed);
+    // requests. Stops at the answer, at a line that is refused, after as much as goes out in one
+    // write, or when no whole line is left. idleMs is that of writeMessage().
+    void take(qint64 *idleMs);
 
     // Whether there may be a whole line left.
     bool mayHaveMore = true;

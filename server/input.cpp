@@ -5,6 +5,7 @@
 #include "replies.h"
 #include "server_limits.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <utility>
@@ -91,23 +92,15 @@ void receiveLine(QByteArrayView line, RequestQueue &queue)
     }
     if (method == "notifications/cancelled"_L1 && cancelInFlight(message->object))
         return;
-    queue.append(*std::move(message));
-}
-
-void receiveAndRelease(QByteArrayView line, LineBuffer &input, RequestQueue &queue)
-{
-    const qsizetype size = line.size();
-    receiveLine(line, queue);
-    input.releaseTaken();
-    messageHandled(size);
+    Request request { message->longString.toByteArray(), *std::move(message) };
+    request.message.longString = request.longString;
+    queue.append(std::move(request));
 }
 
 } // namespace
 
-void RequestQueue::append(Message message)
+void RequestQueue::append(std::optional<Request> request)
 {
-    Request request { message.longString.toByteArray(), std::move(message) };
-    request.message.longString = request.longString;
     {
         const std::lock_guard lock(mutex);
         requests.push_back(std::move(request));
@@ -116,49 +109,38 @@ void RequestQueue::append(Message message)
     changed.notify_one();
 }
 
-void RequestQueue::endInput()
-{
-    {
-        const std::lock_guard lock(mutex);
-        inputEnded = true;
-    }
-    changed.notify_one();
-}
-
 std::optional<Request> RequestQueue::take()
 {
     std::unique_lock lock(mutex);
-    changed.wait(lock, [this] { return inputEnded || !requests.empty(); });
-    if (requests.empty())
-        return {};
-    Request request = std::move(requests.front());
+    changed.wait(lock, [this] { return !requests.empty(); });
+    std::optional<Request> request = std::move(requests.front());
     requests.pop_front();
     return request;
 }
 
 void receiveLines(LineBuffer &input, RequestQueue &queue)
 {
-    while (const std::optional<QByteArrayView> line = input.takeLine())
-        receiveAndRelease(*line, input, queue);
-}
-
-void receiveRest(LineBuffer &input, RequestQueue &queue)
-{
-    receiveAndRelease(input.rest(), input, queue);
+    while (const std::optional<QByteArrayView> line = input.takeLine()) {
+        const qsizetype size = line->size();
+        receiveLine(*line, queue);
+        input.releaseTaken();
+        messageHandled(size);
+    }
 }
 
 void readStdin(RequestQueue &queue)
 {
     LineBuffer input;
     for (;;) {
-        const ssize_t count = readInput(input.space(Limits::ChunkBytes));
+        const std::span<char> space = input.space(Limits::ChunkBytes);
+        const ssize_t count = readInput(space);
         if (count <= 0)
-            break;
-        input.added(count);
+            space.front() = '\n'; // the last line may lack it
+        input.added(std::max<ssize_t>(count, 1));
         receiveLines(input, queue);
+        if (count <= 0)
+            return queue.append({});
     }
-    receiveRest(input, queue);
-    queue.endInput();
 }
 
 // Either way nothing is cancelled yet: under the lock, a cancellation that the reader is recording

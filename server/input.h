@@ -22,27 +22,24 @@ struct Request
 class RequestQueue
 {
 public:
-    void append(Message message);
-    void endInput();
+    // Nothing, for the last time: input has ended.
+    void append(std::optional<Request> request);
 
-    // Waits for the next request; nothing once input has ended and every request was taken.
+    // Waits for the next one.
     std::optional<Request> take();
 
 private:
-    std::mutex mutex; // guards what follows
+    std::mutex mutex; // guards the requests
     std::condition_variable changed;
-    std::deque<Request> requests;
-    bool inputEnded = false;
+    std::deque<std::optional<Request>> requests;
 };
 
 // The stdin reader thread: reads until standard input ends. Answers what must not wait behind a
 // slow call, as a ping, and queues the rest.
 void readStdin(RequestQueue &queue);
 
-// What the reader does with the whole lines of what it has read, and with a last line that has no
-// line feed.
+// What the reader does with the whole lines of what it has read.
 void receiveLines(LineBuffer &input, RequestQueue &queue);
-void receiveRest(LineBuffer &input, RequestQueue &queue);
 
 // The id of no call.
 inline constexpr qint64 NoCall = -1;

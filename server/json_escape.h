@@ -6,8 +6,10 @@
 
 #include <QChar>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
+#include <string_view>
 
 // What a UTF-16 unit becomes at most: \\u001f, in a text within a string.
 constexpr qsizetype MaxEscapedBytes = 7;
@@ -22,13 +24,7 @@ inline Units special(Units block)
 // its number ('u').
 inline constexpr auto Escapes = [] {
     std::array<char, 0x80> letters {};
-    for (size_t c = 0; c < 0x20; ++c)
-        letters[c] = 'u';
-    letters[u'\b'] = 'b';
-    letters[u'\t'] = 't';
-    letters[u'\n'] = 'n';
-    letters[u'\f'] = 'f';
-    letters[u'\r'] = 'r';
+    std::ranges::copy(std::string_view("uuuuuuuubtnufruuuuuuuuuuuuuuuuuu"), letters.begin());
     letters[u'"'] = '"';
     letters[u'\\'] = '\\';
     return letters;

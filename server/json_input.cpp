@@ -29,14 +29,7 @@ constexpr QByteArrayView ByteOrderMark = "\"\xef\xbb\xbf";
 // mark.
 bool hasByteOrderMark(QByteArrayView line)
 {
-    const char *const end = line.data() + line.size();
-    for (const char *at = line.data();; ++at) {
-        at = static_cast<const char *>(std::memchr(at, '\xef', static_cast<size_t>(end - at)));
-        if (at == nullptr)
-            return false;
-        if (at > line.data() && QByteArrayView(at - 1, end).startsWith(ByteOrderMark))
-            return true;
-    }
+    return line.contains('\xef') && line.contains(ByteOrderMark);
 }
 
 // Of the text that has an escape sequence for each mark.
@@ -47,35 +40,36 @@ QByteArray withoutByteOrderMarks(QByteArrayView line)
 {
     QByteArray text;
     text.reserve(copyBytes(line));
-    for (qsizetype at = 0; at < line.size();) {
-        const qsizetype mark = line.indexOf(ByteOrderMark, at);
-        const qsizetype end = mark < 0 ? line.size() : mark;
-        text.append(line.sliced(at, end - at));
-        if (mark >= 0)
-            text.append("\"\\ufeff");
-        at = mark < 0 ? end : mark + ByteOrderMark.size();
-    }
-    return text;
+    qsizetype at = 0;
+    for (qsizetype mark = 0; (mark = line.indexOf(ByteOrderMark, at)) >= 0;
+         at = mark + ByteOrderMark.size())
+        text.append(line.sliced(at, mark - at)).append("\"\\ufeff");
+    return text.append(line.sliced(at));
+}
+
+// How many bytes from the first on stand for themselves in a JSON string (RFC 8259, 7).
+qsizetype plainBytes(QByteArrayView text)
+{
+    const auto isPlain = [](auto c) { return (c >= ' ') & (c != '"') & (c != '\\'); };
+    qsizetype at = 0;
+    while (text.size() - at >= BlockBytes && !any(!isPlain(loadBlock<Bytes>(text.data() + at))))
+        at += BlockBytes;
+    while (at < text.size() && isPlain(static_cast<signed char>(text[at]))) // else beyond ASCII
+        ++at;
+    return at;
 }
 
 // Behind the string whose first byte is at *at, and whether it has escape sequences.
 bool skipString(QByteArrayView line, qsizetype *at)
 {
     bool hasEscapes = false;
-    while (*at < line.size()) {
-        if (line.size() - *at >= BlockBytes) {
-            const auto block = loadBlock<Bytes>(line.data() + *at);
-            if (!any((block == '"') | (block == '\\'))) {
-                *at += BlockBytes;
-                continue;
-            }
-        }
+    while ((*at += plainBytes(line.sliced(*at))) < line.size()) {
         const char c = line[(*at)++];
         if (c == '"')
             break;
         if (c == '\\') {
             hasEscapes = true;
-            ++*at;
+            *at = std::min(*at + 1, line.size());
         }
     }
     return hasEscapes;
@@ -92,35 +86,10 @@ qsizetype stringCost(qsizetype length, bool hasEscapes)
     return hasEscapes ? 2 * buffer : buffer;
 }
 
-// Whether a string in the text may hold what no letter or short escape sequence can spell.
-bool hasNumberedEscape(QByteArrayView text)
-{
-    for (qsizetype at = 0; (at = text.indexOf('\\', at)) >= 0; at += 2) {
-        if (at + 1 < text.size() && text[at + 1] == 'u')
-            return true;
-    }
-    return false;
-}
-
-// Whether each byte stands for itself in a JSON string (RFC 8259, 7). Quotes are not looked for.
-bool isPlain(QByteArrayView text)
-{
-    using Octets = quint8 __attribute__((vector_size(BlockBytes)));
-    Octets bad {};
-    qsizetype at = 0;
-    for (; at + BlockBytes <= text.size(); at += BlockBytes) {
-        const auto block = loadBlock<Octets>(text.data() + at);
-        bad |= (block - ' ' > 0x5f) | (block == '\\');
-    }
-    return !any(bad) && std::all_of(text.begin() + at, text.end(), [](signed char c) {
-        return c >= ' ' && c != '\\'; // beyond ASCII it is negative
-    });
-}
-
-// Whether there is a string that could read as LongStringName, however it is spelt.
+// Whether there is a string that could read as LongStringName, also if it is spelt otherwise.
 bool maySayLongString(QByteArrayView text)
 {
-    return text.contains(QByteArrayView(LongStringName)) || hasNumberedEscape(text);
+    return text.contains('\\') || text.contains(QByteArrayView(LongStringName));
 }
 
 } // namespace
@@ -131,18 +100,18 @@ std::optional<Message> parseAroundLongString(QByteArrayView line)
         return {};
     // A string that is more than half of the line has its middle.
     const qsizetype middle = line.size() / 2;
-    const void *const quote = memrchr(line.data(), '"', static_cast<size_t>(middle + 1));
-    const qsizetype begin
-            = quote == nullptr ? 0 : static_cast<const char *>(quote) - line.data() + 1;
+    const auto *const quote
+            = static_cast<const char *>(memrchr(line.data(), '"', static_cast<size_t>(middle + 1)));
+    const qsizetype begin = quote == nullptr ? 0 : quote - line.data() + 1;
     const qsizetype end = line.indexOf('"', middle + 1);
     if (end - begin < middle)
         return {};
     const QByteArrayView text = line.sliced(begin, end - begin);
     const QByteArrayView before = line.first(begin);
     const QByteArrayView after = line.sliced(end);
-    // Neither from an escaped quote on, nor a key.
-    if (before.endsWith("\\\"") || after.sliced(1).trimmed().startsWith(':') || !isPlain(text)
-        || maySayLongString(before) || maySayLongString(after))
+    if (maySayLongString(before) || maySayLongString(after)
+        || after.sliced(1).trimmed().startsWith(':') // a key
+        || plainBytes(text) < text.size())
         return {};
     // This is JSON if, and only if, the line is; and only if these quotes are those of a string.
     const QByteArray rest = before.toByteArray().append(LongStringName).append(after);
@@ -162,7 +131,7 @@ std::optional<Message> parseMessage(QByteArrayView line)
     const QJsonDocument document = QJsonDocument::fromJson(text);
     if (!document.isObject())
         return {};
-    return Message { document.object(), {}, !hasNumberedEscape(line), line.size() };
+    return Message { document.object(), {}, !line.contains('\\'), line.size() };
 }
 
 bool isTooCostly(QByteArrayView line)

@@ -19,8 +19,8 @@ struct Message
     // JSON string. Empty where no string stands apart.
     QByteArrayView longString;
 
-    // Whether it came without numbered escape sequences, by which alone a string can come to hold
-    // half a surrogate pair.
+    // Whether it came without escape sequences, by which alone a string can come to hold half a
+    // surrogate pair.
     bool hasPlainText = true;
 
     qsizetype lineBytes = 0;

@@ -25,9 +25,8 @@ public:
     JsonWriter(JsonWriter &&) = default;
     JsonWriter &operator=(JsonWriter &&) = delete;
 
-    // Whether keys that are repeated are made into text once, from here on. Only for values that
-    // came as text without numbered escape sequences: Qt does not say whether a half of a surrogate
-    // pair counts when strings are compared.
+    // From here on, whether a repeated key is made into text only once. Only for values without
+    // half a surrogate pair: Qt does not say whether that counts when strings are compared.
     void keepKeys(bool isWanted);
 
     // A string that is not copied: the caller keeps it until the text is sent. It is written once,
@@ -54,13 +53,16 @@ public:
     // Begins anew; the memory stays.
     void clear();
 
+    // Whether the long string was written.
+    [[nodiscard]] bool hasLongString() const { return longStringAt > 0; }
+
     // What was written, but for a long string.
     [[nodiscard]] QByteArrayView bytes() const { return { place, size }; }
 
     // All of it: up to the long string, that, and what follows.
     [[nodiscard]] std::array<QByteArrayView, 3> pieces() const
     {
-        const QByteArrayView piece = longStringAt > 0 ? longString : QByteArrayView();
+        const QByteArrayView piece = hasLongString() ? longString : QByteArrayView();
         return { bytes().first(longStringAt), piece, bytes().sliced(longStringAt) };
     }
 

@@ -9,8 +9,11 @@ std::span<char> LineBuffer::space(qsizetype wanted)
     if (begin == end)
         begin = end = 0;
     const qsizetype needed = end - begin + wanted;
-    if (bytes.size() - end < wanted && needed <= bytes.size() / 2)
-        moveToFront();
+    if (bytes.size() - end < wanted && needed <= bytes.size() / 2) {
+        std::memmove(bytes.data(), bytes.data() + begin, static_cast<size_t>(end - begin));
+        end -= begin;
+        begin = 0;
+    }
     if (bytes.size() - end < wanted)
         growBuffer(bytes, end + wanted);
     return { bytes.data() + end, static_cast<size_t>(bytes.size() - end) };
@@ -37,13 +40,6 @@ void LineBuffer::clear()
 {
     bytes = {};
     begin = end = searched = 0;
-}
-
-void LineBuffer::moveToFront()
-{
-    std::memmove(bytes.data(), bytes.data() + begin, static_cast<size_t>(end - begin));
-    end -= begin;
-    begin = 0;
 }
 
 // To as many bytes as are unread.

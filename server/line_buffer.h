@@ -39,7 +39,6 @@ public:
 private:
     static constexpr qsizetype KeptBytes = 2 << 20; // a buffer of this size stays
 
-    void moveToFront();
     void shrink();
 
     QByteArray bytes; // all of it is a place to write to; begin to end is what was read

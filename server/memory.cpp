@@ -38,9 +38,8 @@ void growBuffer(QByteArray &buffer, qsizetype needed)
     if (!isLarge)
         return;
     const auto page = static_cast<quintptr>(sysconf(_SC_PAGESIZE));
-    const quintptr before = (page - reinterpret_cast<quintptr>(buffer.data()) % page) % page;
-    const quintptr whole = (static_cast<quintptr>(capacity) - before) / page * page;
-    madvise(buffer.data() + before, whole, MADV_HUGEPAGE);
+    char *const mapped = buffer.data() - reinterpret_cast<quintptr>(buffer.data()) % page;
+    madvise(mapped, static_cast<size_t>(capacity), MADV_HUGEPAGE);
 }
 
 // The end of an arena goes back as it is freed; malloc_trim(3) gives back what is free within.

@@ -74,12 +74,6 @@ bool launchApp(QString *error)
     return false;
 }
 
-// An empty text as null.
-QJsonValue textOrNull(const QString &text)
-{
-    return text.isEmpty() ? QJsonValue(QJsonValue::Null) : QJsonValue(text);
-}
-
 void appStatus(const ToolCall &call)
 {
     const unsigned long pid = HostProcess::findApp();
@@ -92,10 +86,8 @@ void appStatus(const ToolCall &call)
     if (running) {
         status["pid"_L1] = static_cast<qint64>(pid);
         status["socketReachable"_L1] = pipeReachable();
-        status["version"_L1]
-                = textOrNull(HostProcess::exeVersion(HostProcess::appExe(), u"ProductVersion"_s));
-        status["build"_L1]
-                = textOrNull(HostProcess::exeVersion(HostProcess::appExe(), u"FileVersion"_s));
+        status["version"_L1] = HostProcess::exeVersion(HostProcess::appExe(), u"ProductVersion"_s);
+        status["build"_L1] = HostProcess::exeVersion(HostProcess::appExe(), u"FileVersion"_s);
     }
     replyToolJSON(call.id, status, false);
 }

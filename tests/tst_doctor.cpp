@@ -66,7 +66,7 @@ constexpr Situation situations[] {
     { "another's open socket", "taken; chmod 777 $tmp/*", "", "", "holder socket",
       "(orrery) of another user, root (0)", Nobody },
     { "another's Orrery", "start $tmp ./orrery", "", "", "",
-      "not run as you, nobody (65534), but as root (0)", Nobody },
+      "not run as you, nobody (65534), but as ", Nobody },
     { "nobody's Orrery", "start $tmp ./orrery \"$nobody\"", "", "", "", "but as nobody (65534)",
       "setpriv --reuid 0" },
     { "nobody's ended Orrery",

@@ -260,7 +260,7 @@ private Q_SLOTS:
     {
         QFETCH(QString, line);
         QFETCH(QString, answer);
-        const QString text(100'000, u'x');
+        const QString text(20'000, u'x');
         const Installation home;
         const Application app(home);
         Server server(home);

@@ -104,7 +104,8 @@ void tst_wire::takesLongStringsApart_data()
                         const QByteArray &after,
                         bool apart) { QTest::newRow(name) << before << string << after << apart; };
     row("a picture", start, text, end, true);
-    row("with blanks", start, text, "\" , \"width\":\"a\\\"b\" } }", true);
+    row("with blanks", start, text, "\" , \"width\" : 7 } }", true);
+    row("beside an escape sequence", start, text, "\",\"x\":\"\\n\"}}", false);
     row("of an array", R"({"id":1,"x":[0,")", text, "\",1]}", true);
     row("replaced by a later one", start, text, R"(","imageBase64":"x"}})", true);
     row("a short one", start, text.first(100), end, false);
