@@ -3,12 +3,9 @@
 #include "host.h"
 #include "tools.h"
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRegularExpression>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -31,9 +28,8 @@ QHash<QString, std::pair<double, double>> rangesOf(const QString &tool)
 
 QJsonValue schemaOf(const QString &tool)
 {
-    QFile file(u":/demo/contract.json"_s);
-    file.open(QIODevice::ReadOnly);
-    static const QJsonDocument catalogue = QJsonDocument::fromJson(file.readAll());
+    static const QJsonDocument catalogue
+            = QJsonDocument::fromJson(contents(u":/demo/contract.json"_s));
     const QJsonArray tools = catalogue["tools"_L1].toArray();
     for (const QJsonValue &one : tools) {
         if (one["name"_L1] == tool)

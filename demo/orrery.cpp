@@ -16,8 +16,6 @@
 
 #include <cstdio>
 
-using namespace Qt::StringLiterals;
-
 namespace {
 
 constexpr int ConnectMs = 500;

@@ -4,8 +4,6 @@
 
 #include <QRegularExpression>
 
-using namespace Qt::StringLiterals;
-
 namespace {
 
 constexpr int MaxActions = 100;

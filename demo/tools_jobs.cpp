@@ -6,8 +6,6 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
-using namespace Qt::StringLiterals;
-
 namespace {
 
 // What is wrong with the arguments of create_vm among themselves, or nothing.
@@ -83,12 +81,11 @@ const Tool listJobs("list_jobs", "", [](const Call &call) -> Reply {
 });
 
 const Tool listImages("list_images", "", [](const Call &) -> Reply {
-    QFile file(guestFile(u"version"_s));
-    if (!missingOnHost().isEmpty() || !file.open(QIODevice::ReadOnly))
+    if (!missingOnHost().isEmpty())
         return ok("images"_L1, QJsonArray());
-    const QString version = "Small Linux "_L1 + QString::fromUtf8(file.readAll()).trimmed();
+    const QByteArray version = "Small Linux " + contents(guestFile(u"version"_s)).trimmed();
     const QJsonObject image = object("imageId"_L1, smallLinux, "os"_L1, u"linux"_s, "version"_L1,
-                                     version, "downloaded"_L1, true);
+                                     QString::fromUtf8(version), "downloaded"_L1, true);
     return ok("images"_L1, QJsonArray { image });
 });
 

@@ -3,11 +3,9 @@
 #include "host.h"
 #include "tools.h"
 
-#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-
-using namespace Qt::StringLiterals;
+#include <QScopedValueRollback>
 
 namespace {
 
@@ -147,7 +145,7 @@ const Tool resizeDisk("resize_disk", "stopped confirm", [](const Call &call) -> 
     const int size = call.arguments["newGB"_L1].toInt();
     if (size <= call.machine->settings["diskGB"_L1].toInt())
         co_return wrong(u"a disk can only grow"_s);
-    const Flag works(call.machine->busy);
+    const QScopedValueRollback works(call.machine->busy, true);
     const Outcome grown = co_await call.machine->diskTool(u"resize -q disk.qcow2 %1G"_s.arg(size));
     if (!grown.succeeded())
         co_return fail(u"failed"_s, grown.words());
@@ -166,14 +164,13 @@ const Tool setInstallerMedia("set_installer_media", "stopped", [](const Call &ca
 // Whether the disk begins as one that a PC boots from; Small Linux does without.
 Later<bool> hasBootSector(MachinePtr machine)
 {
-    QFile sector(machine->folder.filePath(u"sector"_s));
     co_await machine->diskTool(u"dd -f qcow2 -O raw bs=512 count=1 if=disk.qcow2 of=sector"_s);
-    co_return sector.open(QIODevice::ReadOnly) && sector.readAll().endsWith("\x55\xaa");
+    co_return contents(machine->folder.filePath(u"sector"_s)).endsWith("\x55\xaa");
 }
 
 const Tool finishInstall("finish_install", "stopped", [](const Call &call) -> Reply {
     QJsonObject &settings = call.machine->settings;
-    const Flag works(call.machine->busy);
+    const QScopedValueRollback works(call.machine->busy, true);
     const bool otherSystem = co_await hasBootSector(call.machine);
     const bool small = settings["smallLinux"_L1].toBool() && !otherSystem;
     settings["smallLinux"_L1] = small;

@@ -3,11 +3,9 @@
 #include "tools.h"
 
 #include <QBuffer>
-#include <QFile>
 #include <QRegularExpression>
+#include <QScopedValueRollback>
 #include <QTemporaryFile>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -44,12 +42,6 @@ QStringList linesOf(const QByteArray &memory, qsizetype start, qsizetype rows)
     return lines;
 }
 
-QByteArray contents(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 // What the screen shows in VGA's text mode, exactly, without blanks at the ends of lines and blank
 // lines at the end. Nothing where it is graphical, or the machine has ended.
 Later<std::optional<QStringList>> readText(MachinePtr machine)
@@ -59,7 +51,7 @@ Later<std::optional<QStringList>> readText(MachinePtr machine)
         co_await pause(PollMs);
     if (picture.size() != TextMode || !machine->qemu)
         co_return std::nullopt;
-    const Flag reads(machine->screenIsRead);
+    const QScopedValueRollback reads(machine->screenIsRead, true);
     Qemu &qemu = *machine->qemu;
     // The registers of the CRT controller are read through its index, which is the guest's: the
     // guest stands still meanwhile, and finds the index as it was.
@@ -124,11 +116,11 @@ Later<QImage> takePicture(MachinePtr machine)
 {
     while (machine->screenIsRead)
         co_await pause(PollMs);
-    const Flag reads(machine->screenIsRead);
+    const QScopedValueRollback reads(machine->screenIsRead, true);
     if (!machine->qemu)
         co_return {};
     co_await machine->qemu->command(u"screendump"_s, object("filename"_L1, u"screen"_s));
-    const QImage image = QImage::fromData(contents(machine->folder.filePath(u"screen"_s)));
+    const QImage image(machine->folder.filePath(u"screen"_s));
     if (!image.isNull() && machine->qemu)
         machine->settings["display"_L1]
                 = object("width"_L1, image.width(), "height"_L1, image.height());
