@@ -5,6 +5,7 @@
 #include <QStandardPaths>
 #include <QStorageInfo>
 #include <QThread>
+#include <QTimer>
 
 #include <csignal>
 #include <sys/prctl.h>
@@ -59,14 +60,6 @@ void startBound(QProcess &process, const QString &program, const QStringList &ar
     process.start(program, arguments);
 }
 
-Later<bool> killAfter(QPointer<QProcess> process, int ms, Later<QJsonObject> unless)
-{
-    co_await pause(ms);
-    if (process && !unless.isSet())
-        process->kill();
-    co_return true;
-}
-
 Later<Outcome> run(const QString &program, const QStringList &arguments, const QString &folder,
                    int limitMs)
 {
@@ -86,7 +79,7 @@ Later<Outcome> run(const QString &program, const QStringList &arguments, const Q
     });
     QObject::connect(&process, &QProcess::readyReadStandardOutput, read);
     QObject::connect(&process, &QProcess::readyReadStandardError, read);
-    killAfter(&process, limitMs);
+    QTimer::singleShot(limitMs, &process, SLOT(kill()));
     process.setWorkingDirectory(folder);
     startBound(process, program, arguments);
     co_await ended;

@@ -5,7 +5,6 @@
 
 #include "answers.h"
 
-#include <QPointer>
 #include <QProcess>
 
 int hostProcessors();
@@ -21,9 +20,6 @@ QString missingOnHost();
 // Starts a program, which the kernel kills when this process ends, however that does; it goes by
 // the thread that forks, so call it from the main one.
 void startBound(QProcess &process, const QString &program, const QStringList &arguments);
-
-// Kills a process that still runs after that many milliseconds, unless the value has come by then.
-Later<bool> killAfter(QPointer<QProcess> process, int ms, Later<QJsonObject> unless = {});
 
 struct Outcome
 {

@@ -51,9 +51,9 @@ QStringList Machine::arguments() const
               "-sandbox on,obsolete=deny,elevateprivileges=deny,spawn=deny -accel %1 "
               "-drive if=none,id=disk,format=qcow2,cache=unsafe,werror=report,"
               "file=disk.qcow2 -netdev user,id=net,hostfwd=tcp:127.0.0.1:0-:22 -smp %2 -m %3G "_s;
-    // What any system has drivers for, or Small Linux.
-    const QString devices = small ? u"-device virtio-blk-pci,drive=disk -device "
-                                    u"virtio-net-pci,netdev=net,romfile= "
+    // Small Linux has no drivers but virtio's; other systems surely have one for these.
+    const QString devices = small ? u"-device virtio-blk-pci,drive=disk "
+                                    "-device virtio-net-pci,netdev=net,romfile= "
                                     "-device virtio-tablet-pci -device virtio-keyboard-pci"_s
                                   : u"-device ide-hd,drive=disk -device e1000,netdev=net,romfile= "
                                     "-usb -device usb-tablet"_s;

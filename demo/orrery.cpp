@@ -13,8 +13,13 @@
 #include <QLocalSocket>
 #include <QLockFile>
 #include <QPointer>
+#include <QSocketNotifier>
 
+#include <csignal>
 #include <cstdio>
+#include <fcntl.h>
+#include <tuple>
+#include <unistd.h>
 
 namespace {
 
@@ -56,40 +61,29 @@ private:
     {
         while (QLocalSocket *client = server.nextPendingConnection()) {
             QObject::connect(client, &QLocalSocket::disconnected, client, &QObject::deleteLater);
-            if (OrreryControl::peerClientPid(*client) == 0) {
-                client->abort(); // another user's
-                continue;
-            }
             QObject::connect(client, &QLocalSocket::readyRead, client, [this, client] {
                 while (client->canReadLine())
-                    receive(client, QJsonDocument::fromJson(client->readLine()).object());
+                    answer(client, QJsonDocument::fromJson(client->readLine()).object());
             });
         }
     }
 
-    void receive(const QPointer<QLocalSocket> &client, const QJsonObject &request)
-    {
-        const QString method = request["method"_L1].toString();
-        if (method != "hello"_L1 && method != "quit"_L1) {
-            answer(client, request);
-            return;
-        }
-        const QJsonObject about = object("app"_L1, u"Orrery demonstration"_s);
-        send(client, object("id"_L1, request["id"_L1], "result"_L1, about));
-        if (method == "quit"_L1)
-            QCoreApplication::quit();
-    }
-
-    // The call stays until its tool has ended, also when nobody waits for the answer any more.
+    // A call stays until its tool has ended, also when nobody waits for the answer any more.
     Later<bool> answer(QPointer<QLocalSocket> client, QJsonObject request)
     {
-        waiting << client;
-        const auto wanted = [client] { return !client.isNull(); };
-        Call call { world, request["params"_L1].toObject(), wanted, {}, {} };
-        Answer body = co_await Tool::carryOut(request["method"_L1].toString(), call);
-        waiting.removeOne(client);
+        const QString method = request["method"_L1].toString();
+        Answer body = ok("app"_L1, u"Orrery demonstration"_s);
+        if (method != "hello"_L1 && method != "quit"_L1) {
+            waiting << client;
+            const auto wanted = [client] { return !client.isNull(); };
+            Call call { world, request["params"_L1].toObject(), wanted, {}, {} };
+            body = co_await Tool::carryOut(method, call);
+            waiting.removeOne(client);
+        }
         body["id"_L1] = request["id"_L1];
         send(client, body);
+        if (method == "quit"_L1)
+            QCoreApplication::quit();
         co_return true;
     }
 
@@ -100,6 +94,19 @@ private:
             send(client, object("method"_L1, event, "params"_L1, detail));
     } };
 };
+
+int signalled[2]; // a pipe into the event loop
+
+// Ctrl-C and the like end the application as quit does, which leaves nothing behind.
+void quitOnSignals()
+{
+    if (pipe2(signalled, O_CLOEXEC) != 0)
+        return;
+    auto *came = new QSocketNotifier(signalled[0], QSocketNotifier::Read, qApp);
+    QObject::connect(came, &QSocketNotifier::activated, qApp, &QCoreApplication::quit);
+    for (const int number : { SIGINT, SIGTERM })
+        std::signal(number, [](int) { std::ignore = write(signalled[1], "", 1); });
+}
 
 // Why this process cannot serve the pipe; the lock decides between two that start together.
 QString obstacle(QLockFile &lock)
@@ -129,6 +136,7 @@ int main(int argc, char *argv[])
     }
     if (!complaint.isEmpty())
         return 1;
+    quitOnSignals();
     ControlServer server;
     server.serve();
     return QCoreApplication::exec();

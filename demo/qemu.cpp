@@ -21,7 +21,8 @@ Qemu::Qemu(const QStringList &arguments, const QString &folder, Listener callbac
     const QStringList lines = u"-qmp stdio -serial file:/dev/stderr"_s.split(u' ');
     startBound(process, u"qemu-system-x86_64"_s, arguments + lines);
     up = command(u"qmp_capabilities"_s);
-    killAfter(&process, LaunchMs, up);
+    connect(&hangs, &QTimer::timeout, &process, &QProcess::kill);
+    hangs.start(LaunchMs);
 }
 
 Qemu::~Qemu()
@@ -34,7 +35,7 @@ Qemu::~Qemu()
 void Qemu::cutPower()
 {
     command(u"quit"_s);
-    killAfter(&process, QuitMs);
+    QTimer::singleShot(QuitMs, &process, SLOT(kill()));
 }
 
 Later<QJsonObject> Qemu::command(const QString &name, const QJsonObject &arguments)
@@ -53,6 +54,7 @@ Later<QJsonObject> Qemu::monitor(const QString &line)
 void Qemu::readMonitor()
 {
     while (process.canReadLine()) {
+        hangs.stop();
         const QJsonObject message = QJsonDocument::fromJson(process.readLine()).object();
         waiting.take(message["id"_L1].toInteger()).set(message);
         if (message.contains("event"_L1))

@@ -7,6 +7,7 @@
 #include "host.h"
 
 #include <QHash>
+#include <QTimer>
 
 class Qemu : public QObject
 {
@@ -40,6 +41,7 @@ private:
     void end();
 
     QProcess process;
+    QTimer hangs; // times out unless it says something soon
     Listener listener;
     QHash<qint64, Later<QJsonObject>> waiting; // for an answer
     qint64 lastId = 0;

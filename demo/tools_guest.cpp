@@ -16,10 +16,13 @@ const QString guestAddress = u"10.0.2.15"_s; // what the network of each machine
 
 QString quoted(QString text) { return u'\'' + text.replace(u"'"_s, u"'\\''"_s) + u'\''; }
 
-Answer silentGuest() { return fail(u"not_ready"_s, u"the guest does not answer"_s); }
+Answer silentGuest(const Outcome &tried)
+{
+    return fail(u"not_ready"_s, "the guest does not answer: "_L1 + tried.words());
+}
 
-// Runs a command as a user of the guest who has the key; the network forwards a port of 127.0.0.1
-// to its server.
+// Runs a command as a user of the guest who has the key. QEMU forwards a port of 127.0.0.1 to its
+// server, and tells which, so the server needs no proof of its own.
 Later<Outcome> ssh(MachinePtr machine, QString key, QString user, QString command, int limitMs,
                    bool terminal = false)
 {
@@ -29,8 +32,7 @@ Later<Outcome> ssh(MachinePtr machine, QString key, QString user, QString comman
     const QJsonObject network = co_await machine->qemu->monitor(u"info usernet"_s);
     const QString port = forward.match(network["return"_L1].toString()).captured(1);
     const QString words = u"-F none -i %1 -o BatchMode=yes -o IdentitiesOnly=yes -o LogLevel=ERROR "
-                          "-o IdentityAgent=none -o StrictHostKeyChecking=accept-new "
-                          "-o UserKnownHostsFile=known_hosts -o HostKeyAlias=guest "
+                          "-o IdentityAgent=none -o NoHostAuthenticationForLocalhost=yes "
                           "-o ConnectTimeout=60 -p %2 127.0.0.1 %3 -l"_s;
     const QStringList arguments = words.arg(key, port, terminal ? u"-tt"_s : u"-n"_s).split(u' ')
                                   << user << command;
@@ -43,16 +45,15 @@ Later<Outcome> byTools(MachinePtr machine, const QString &command)
     return ssh(machine, u"tools"_s, u"root"_s, command, ToolsMs);
 }
 
-const Tool applyGuestTools("apply_guest_tools", "running installed booted",
-                           [](const Call &call) -> Reply {
-                               if (!call.machine->flag("smallLinux"_L1))
-                                   co_return unavailable(
-                                           u"there are guest tools only for Small Linux"_s);
-                               if (!(co_await byTools(call.machine, u"true"_s)).succeeded())
-                                   co_return silentGuest();
-                               call.machine->settings["guestTools"_L1] = guestToolsVersion;
-                               co_return ok(call.machine->pick({ "id"_L1, "guestTools"_L1 }));
-                           });
+const Tool apply("apply_guest_tools", "running installed booted", [](const Call &call) -> Reply {
+    if (!call.machine->flag("smallLinux"_L1))
+        co_return unavailable(u"there are guest tools only for Small Linux"_s);
+    const Outcome tried = co_await byTools(call.machine, u"true"_s);
+    if (!tried.succeeded())
+        co_return silentGuest(tried);
+    call.machine->settings["guestTools"_L1] = guestToolsVersion;
+    co_return ok(call.machine->pick({ "id"_L1, "guestTools"_L1 }));
+});
 
 QJsonObject sshSettings(const Machine &machine)
 {
@@ -72,7 +73,7 @@ const Tool provisionSsh("provision_ssh", "running tools booted", [](const Call &
     const QString key = QString::fromUtf8(contents(folder.filePath(u"key.pub"_s))).trimmed();
     const Outcome added = co_await byTools(call.machine, "ssh-key add "_L1 + quoted(key));
     if (!added.succeeded())
-        co_return silentGuest();
+        co_return silentGuest(added);
     call.machine->settings["sshUser"_L1] = QString::fromUtf8(added.output).trimmed();
     call.machine->settings["sshProvisioned"_L1] = true;
     co_return ok(sshSettings(*call.machine));
@@ -90,8 +91,9 @@ const Tool sshStatus("ssh_status", "", [](const Call &call) -> Reply {
 
 const Tool revokeSsh("revoke_ssh", "running", [](const Call &call) -> Reply {
     if (call.machine->flag("sshProvisioned"_L1)) {
-        if (!(co_await byTools(call.machine, u"ssh-key remove"_s)).succeeded())
-            co_return silentGuest();
+        const Outcome removed = co_await byTools(call.machine, u"ssh-key remove"_s);
+        if (!removed.succeeded())
+            co_return silentGuest(removed);
         for (const auto &name : { u"key"_s, u"key.pub"_s })
             call.machine->folder.remove(name);
         call.machine->settings["sshProvisioned"_L1] = false;
@@ -103,7 +105,7 @@ const Tool guestNetwork("guest_network", "running tools booted", [](const Call &
     const Outcome told = co_await byTools(
             call.machine, u"ip -o link; ip -o addr; ip route; cat /etc/resolv.conf"_s);
     if (!told.succeeded())
-        co_return silentGuest();
+        co_return silentGuest(told);
     const QString text = QString::fromUtf8(told.output);
     const auto all = [&text](const QString &pattern) {
         QJsonArray found;
@@ -112,12 +114,11 @@ const Tool guestNetwork("guest_network", "running tools booted", [](const Call &
             found.append(it.next().captured(1));
         return found;
     };
-    const auto first = [&all](const QString &pattern) { return all(pattern).first(); };
     const QJsonObject interface = object("name"_L1, u"eth0"_s, "mac"_L1,
-                                         first(u"eth0:.*link/ether (\\S+)"_s), "addresses"_L1,
+                                         all(u"eth0:.*link/ether (\\S+)"_s)[0], "addresses"_L1,
                                          all(u"eth0 +inet6? ([^ /]+)"_s));
-    co_return ok("address"_L1, first(u"eth0 +inet ([^ /]+)"_s), "interfaces"_L1,
-                 QJsonArray { interface }, "gateway"_L1, first(u"^default via (\\S+)"_s), "dns"_L1,
+    co_return ok("address"_L1, all(u"eth0 +inet ([^ /]+)"_s)[0], "interfaces"_L1,
+                 QJsonArray { interface }, "gateway"_L1, all(u"^default via (\\S+)"_s)[0], "dns"_L1,
                  all(u"^nameserver (\\S+)"_s));
 });
 

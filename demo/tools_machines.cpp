@@ -21,8 +21,7 @@ const Tool listVms("list_vms", "", [](const Call &call) -> Reply {
 });
 
 const Tool getVm("get_vm", "", [](const Call &call) -> Reply {
-    if (call.machine->qemu)
-        co_await takePicture(call.machine); // for the size of the display
+    co_await takePicture(call.machine); // for the size of the display
     co_return ok(told(*call.machine));
 });
 
