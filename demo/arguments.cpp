@@ -40,12 +40,9 @@ QJsonValue schemaOf(const QString &tool)
 
 bool isOfType(const QJsonValue &value, const QString &type)
 {
-    return type == "string"_L1    ? value.isString()
-           : type == "boolean"_L1 ? value.isBool()
-           : type == "number"_L1  ? value.isDouble()
-           : type == "array"_L1   ? value.isArray()
-           : type == "object"_L1  ? value.isObject()
-                                  : value.toInteger(0) == value.toInteger(1);
+    static const QStringList names = u"null boolean number string array object"_s.split(u' ');
+    const bool whole = value.toInteger(0) == value.toInteger(1);
+    return type == names.value(value.type()) || (type == "integer"_L1 && whole);
 }
 
 // What is wrong with a value, by its schema and its range; an empty text is nothing.

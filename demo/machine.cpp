@@ -44,7 +44,7 @@ QStringList Machine::arguments() const
 {
     QString media = text("installerMedia"_L1);
     const bool disc = media.endsWith(".iso"_L1);
-    const bool small = flag("smallLinux"_L1) && !disc;
+    const bool small = smallLinux && !disc;
     // What is kept lasts no longer than the application, so no write need reach the disk.
     const QString words
             = u"-nodefaults -no-user-config -display none -vga std -machine pc -cpu max "

@@ -39,6 +39,8 @@ public:
     QString lastError;
     std::unique_ptr<Qemu> qemu; // while it runs
     QElapsedTimer started; // since the last start, while it runs
+    bool smallLinux = false; // which boots from the host's files, other systems from their disk
+    QString sshUser; // whom provision_ssh chose
     bool booted = false; // Small Linux has, since then
     bool accelerated = false; // by the host's processor, not emulated
     bool busy = false;

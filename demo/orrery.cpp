@@ -34,6 +34,27 @@ void send(const QPointer<QLocalSocket> &client, const QJsonObject &message)
     client->flush();
 }
 
+// Why this process cannot serve the pipe; the lock decides between two that start together.
+QString obstacle(QLockFile &lock)
+{
+    if (QDir::temp().filePath(OrreryControl::pipeName()).toLocal8Bit().size() > MaxPathBytes)
+        return u"TMPDIR is too long: the control pipe's path may have %1 bytes"_s.arg(MaxPathBytes);
+    if (!QFileInfo(QDir::tempPath()).isWritable())
+        return u"TMPDIR, else /tmp, is no folder that can be written to"_s;
+    lock.setStaleLockTime(0);
+    const bool locked = lock.tryLock(0);
+    QLocalSocket probe;
+    probe.connectToServer(OrreryControl::pipeName());
+    return locked && !probe.waitForConnected(ConnectMs) ? QString()
+                                                        : u"the control pipe is served already"_s;
+}
+
+void tell(const QString &text)
+{
+    if (!text.isEmpty())
+        std::fprintf(stderr, "orrery (demonstration): %s\n", qUtf8Printable(text));
+}
+
 class ControlServer
 {
 public:
@@ -42,16 +63,19 @@ public:
     {
         QObject::connect(&server, &QLocalServer::newConnection, &server, [this] { accept(); });
         co_await pause(0); // until the event loop runs, which may have to end
-        QString complaint = world.open();
+        tell(missingOnHost());
+        QString complaint = obstacle(lock);
         if (complaint.isEmpty())
+            complaint = world.open();
+        if (complaint.isEmpty()) {
             co_await world.begin();
-        server.setSocketOptions(QLocalServer::UserAccessOption);
-        QLocalServer::removeServer(OrreryControl::pipeName()); // of a run that was killed
-        if (complaint.isEmpty() && !server.listen(OrreryControl::pipeName()))
+            server.setSocketOptions(QLocalServer::UserAccessOption);
+            QLocalServer::removeServer(OrreryControl::pipeName()); // of a run that was killed
+            if (server.listen(OrreryControl::pipeName()))
+                co_return true;
             complaint = server.errorString();
-        if (complaint.isEmpty())
-            co_return true;
-        std::fprintf(stderr, "orrery (demonstration): %s\n", qUtf8Printable(complaint));
+        }
+        tell(complaint);
         QCoreApplication::exit(1);
         co_return false;
     }
@@ -87,6 +111,7 @@ private:
         co_return true;
     }
 
+    QLockFile lock { QDir::temp().filePath(OrreryControl::pipeName() + ".lock"_L1) };
     QLocalServer server;
     QList<QPointer<QLocalSocket>> waiting; // for an answer: nobody else reads events
     World world { [this](const QString &event, const QJsonObject &detail) {
@@ -108,34 +133,11 @@ void quitOnSignals()
         std::signal(number, [](int) { std::ignore = write(signalled[1], "", 1); });
 }
 
-// Why this process cannot serve the pipe; the lock decides between two that start together.
-QString obstacle(QLockFile &lock)
-{
-    if (QDir::temp().filePath(OrreryControl::pipeName()).toLocal8Bit().size() > MaxPathBytes)
-        return u"TMPDIR is too long: the control pipe's path may have %1 bytes"_s.arg(MaxPathBytes);
-    if (!QFileInfo(QDir::tempPath()).isWritable())
-        return u"TMPDIR, else /tmp, is no folder that can be written to"_s;
-    lock.setStaleLockTime(0);
-    const bool locked = lock.tryLock(0);
-    QLocalSocket probe;
-    probe.connectToServer(OrreryControl::pipeName());
-    return locked && !probe.waitForConnected(ConnectMs) ? QString()
-                                                        : u"the control pipe is served already"_s;
-}
-
 } // namespace
 
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-    QLockFile lock(QDir::temp().filePath(OrreryControl::pipeName() + ".lock"_L1));
-    const QString complaint = obstacle(lock);
-    for (const QString &text : { complaint, missingOnHost() }) {
-        if (!text.isEmpty())
-            std::fprintf(stderr, "orrery (demonstration): %s\n", qUtf8Printable(text));
-    }
-    if (!complaint.isEmpty())
-        return 1;
     quitOnSignals();
     ControlServer server;
     server.serve();

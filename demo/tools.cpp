@@ -51,14 +51,6 @@ std::optional<Answer> refuse(const QString &needs, const Call &call)
 
 } // namespace
 
-QJsonObject told(const Machine &machine)
-{
-    QJsonObject settings = machine.settings;
-    for (const auto &own : { "smallLinux"_L1, "sshUser"_L1 })
-        settings.remove(own);
-    return settings;
-}
-
 QHash<QString, std::pair<QString, Tool::Run>> &Tool::all()
 {
     static QHash<QString, std::pair<QString, Run>> tools;

@@ -46,7 +46,7 @@ Later<Outcome> byTools(MachinePtr machine, const QString &command)
 }
 
 const Tool apply("apply_guest_tools", "running installed booted", [](const Call &call) -> Reply {
-    if (!call.machine->flag("smallLinux"_L1))
+    if (!call.machine->smallLinux)
         co_return unavailable(u"there are guest tools only for Small Linux"_s);
     const Outcome tried = co_await byTools(call.machine, u"true"_s);
     if (!tried.succeeded())
@@ -59,8 +59,7 @@ QJsonObject sshSettings(const Machine &machine)
 {
     if (!machine.flag("sshProvisioned"_L1))
         return { { u"provisioned"_s, false }, { u"user"_s, {} }, { u"host"_s, {} } };
-    const QString user = machine.text("sshUser"_L1);
-    return object("provisioned"_L1, true, "user"_L1, user, "host"_L1, guestAddress);
+    return object("provisioned"_L1, true, "user"_L1, machine.sshUser, "host"_L1, guestAddress);
 }
 
 const Tool provisionSsh("provision_ssh", "running tools booted", [](const Call &call) -> Reply {
@@ -74,7 +73,7 @@ const Tool provisionSsh("provision_ssh", "running tools booted", [](const Call &
     const Outcome added = co_await byTools(call.machine, "ssh-key add "_L1 + quoted(key));
     if (!added.succeeded())
         co_return silentGuest(added);
-    call.machine->settings["sshUser"_L1] = QString::fromUtf8(added.output).trimmed();
+    call.machine->sshUser = QString::fromUtf8(added.output).trimmed();
     call.machine->settings["sshProvisioned"_L1] = true;
     co_return ok(sshSettings(*call.machine));
 });
@@ -132,7 +131,7 @@ const Tool runInGuest("run_in_guest", "running ssh", [](const Call &call) -> Rep
     const int connectMs = std::min(call.number("connectTimeoutSeconds"_L1, 10) * 1'000, wholeMs);
     const int commandMs = std::min(call.number("commandTimeoutSeconds"_L1, 35) * 1'000, wholeMs);
     const Later<bool> wholeUp = pause(wholeMs);
-    const QString user = arguments["user"_L1].toString(machine->text("sshUser"_L1));
+    const QString user = arguments["user"_L1].toString(machine->sshUser);
     const Outcome tried = co_await ssh(machine, u"key"_s, user, u"true"_s, connectMs);
     if (!tried.succeeded())
         co_return fail(u"unreachable"_s, "no connection to the guest: "_L1 + tried.words());

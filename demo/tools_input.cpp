@@ -165,7 +165,8 @@ const Tool sendInput("send_input", "running", [](const Call &call) -> Reply {
         complaint = all.emplace_back(actions[n].toObject(), before.size(), imageScale).error;
     if (!complaint.isEmpty())
         co_return wrong(complaint);
-    Answer picture = captured(before, call.arguments); // tells whether there is such a part of it
+    Answer picture = captured(*call.machine, before,
+                              call.arguments); // tells whether there is such a part of it
     if (picture.contains("error"_L1))
         co_return picture;
     int done = 0;
@@ -185,7 +186,8 @@ const Tool sendInput("send_input", "running", [](const Call &call) -> Reply {
     if (!call.flag("captureAfter"_L1))
         co_return ok("actions"_L1, done);
     co_await pause(call.number("captureDelayMs"_L1, 500));
-    picture = captured(co_await takePicture(call.machine), call.arguments);
+    const QImage after = co_await takePicture(call.machine);
+    picture = captured(*call.machine, after, call.arguments);
     QJsonObject result = picture["result"_L1].toObject();
     result["actions"_L1] = done;
     co_return picture.contains("error"_L1) ? picture : ok(result);

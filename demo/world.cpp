@@ -21,14 +21,13 @@ QJsonObject settingsOf(const QJsonObject &arguments, const QString &folder)
                               .object();
     for (const auto &chosen : { "name"_L1, "os"_L1, "cpu"_L1, "ramGB"_L1, "diskGB"_L1 })
         all[chosen] = arguments[chosen];
-    const QString image = arguments["image"_L1].toString(smallLinux);
+    const QString image = arguments["image"_L1].toString(smallLinuxId);
     const bool installed = arguments["unattended"_L1].toBool();
     all["id"_L1] = folder;
     all["installed"_L1] = installed;
     if (all["os"_L1] == "linux"_L1)
         all["linuxNetworkDriver"_L1] = u"builtin"_s;
     all[installed ? "guestTools"_L1 : "installerMedia"_L1] = installed ? guestToolsVersion : image;
-    all["smallLinux"_L1] = image == smallLinux; // which is not told
     return all;
 }
 
@@ -85,9 +84,10 @@ Later<bool> World::begin()
                                    "username"_L1, u"demo"_s, "password"_L1, u"demo"_s));
     while (runs(job))
         co_await pause(1);
+    if (machines.empty()) // list_jobs tells why
+        co_return false;
     jobs.clear(); // nobody asked for it
-    if (!machines.empty())
-        co_await machines.first()->boot();
+    co_await machines.first()->boot();
     co_return true;
 }
 
@@ -162,6 +162,7 @@ Later<QString> World::create(JobPtr job, QJsonObject arguments)
     if (error.isEmpty()) {
         (*job)["vmId"_L1] = folder;
         machines[folder] = std::make_shared<Machine>(folder, settingsOf(arguments, folder));
+        machines[folder]->smallLinux = arguments["image"_L1].toString(smallLinuxId) == smallLinuxId;
     } else {
         (*job)["error"_L1] = error;
         QDir(folder).removeRecursively();

@@ -7,7 +7,7 @@
 #include <QJsonArray>
 #include <QMap>
 
-const QString smallLinux = u"small-linux"_s; // the id of its image
+const QString smallLinuxId = u"small-linux"_s; // the id of its image
 const QString guestToolsVersion = u"1.0"_s; // which Small Linux has
 
 // The refusal if a machine's settings ask for something impossible, on this host or at all.

@@ -232,6 +232,10 @@ test('tells that a machine was killed, starts it again and deletes it', async ()
   assert.ok((await one.object('wait_for_state', { id: made, target: 'stopped', timeoutSeconds: 60 })).reached);
   assert.match((await one.object('get_diagnostics', { id: made })).lastError, /killed/);
   assert.equal((await one.object('start_vm', { id: made })).state, 'running');
+  rmSync(join(made, 'screen')); // where no picture can be written, nothing pretends that it was read
+  mkdirSync(join(made, 'screen'));
+  for (const tool of ['capture_screen', 'read_console_text'])
+    assert.match((await one.call(tool, { id: made })).content[0].text, /^Orrery error \[failed\]: .* cannot write/);
   assert.equal((await one.object('stop_vm', { id: made, mode: 'force' })).state, 'stopped');
   await one.object('delete_vm', { id: made, confirm: true });
   assert.ok(!existsSync(made));
