@@ -40,7 +40,7 @@ Later<Outcome> ssh(MachinePtr machine, QString key, QString user, QString comman
 }
 
 // What guest tools do: a command as root, by the key that the machine was made with.
-Later<Outcome> byTools(MachinePtr machine, const QString &command)
+Later<Outcome> byTools(const MachinePtr &machine, const QString &command)
 {
     return ssh(machine, u"tools"_s, u"root"_s, command, ToolsMs);
 }

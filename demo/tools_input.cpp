@@ -61,7 +61,10 @@ struct Action
 
     QPoint at(QLatin1StringView x, QLatin1StringView y)
     {
-        const QPoint point(action[x].toInt(-1) / scale, action[y].toInt(-1) / scale);
+        const auto pixel = [this](QLatin1StringView name) {
+            return static_cast<int>(action[name].toInt(-1) / scale);
+        };
+        const QPoint point(pixel(x), pixel(y));
         if (!QRect({}, screen).contains(point))
             error = u"%1 and %2 must be inside the screen"_s.arg(x, y);
         return point;
