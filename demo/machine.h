@@ -41,7 +41,7 @@ public:
     QElapsedTimer started; // since the last start, while it runs
     bool smallLinux = false; // which boots from the host's files, other systems from their disk
     QString sshUser; // whom provision_ssh chose
-    bool booted = false; // Small Linux has, since then
+    bool booted = false; // Small Linux has reported so since then
     bool accelerated = false; // by the host's processor, not emulated
     bool busy = false;
     bool screenIsRead = false; // right now, which takes several commands

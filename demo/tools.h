@@ -48,7 +48,7 @@ constexpr int LookMs = 50;
 // ranges in its prose. The tool itself checks what one argument asks of another.
 std::optional<Answer> refuseArguments(const QString &tool, const QJsonObject &arguments);
 
-// The screen as it is now, null where the machine has ended; keeps the size in its settings.
+// The screen as it is now, null where there is none; keeps the size in its settings.
 Later<QImage> takePicture(MachinePtr machine);
 
 // The answer of capture_screen for its arguments region, scale, format and output: a PNG or JPEG as
