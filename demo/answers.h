@@ -9,7 +9,9 @@
 #include <memory>
 #include <optional>
 
-void resumeSoon(std::coroutine_handle<> waiter); // from the event loop, never inside this call
+using namespace Qt::StringLiterals; // which all files here write
+
+void resumeSoon(std::coroutine_handle<> waiter); // from the event loop
 
 // What an asynchronous function returns. It may be a coroutine: co_await waits for the value,
 // co_return sets it. Copies share the value; only one may be waited for at a time.
@@ -69,7 +71,7 @@ QJsonObject object(QLatin1StringView key, const QJsonValue &value, const Rest &.
     return whole;
 }
 
-inline Answer ok(const QJsonObject &result) { return { { QStringLiteral("result"), result } }; }
+inline Answer ok(const QJsonObject &result) { return { { u"result"_s, result } }; }
 
 template <typename... Members> Answer ok(QLatin1StringView key, const Members &...members)
 {
@@ -78,10 +80,9 @@ template <typename... Members> Answer ok(QLatin1StringView key, const Members &.
 
 inline Answer fail(const QString &code, const QString &message)
 {
-    const QLatin1StringView codeKey("code"), messageKey("message");
-    return { { QStringLiteral("error"), object(codeKey, code, messageKey, message) } };
+    return { { u"error"_s, object("code"_L1, code, "message"_L1, message) } };
 }
 
-inline Answer wrong(const QString &what) { return fail(QStringLiteral("invalid_argument"), what); }
-inline Answer wrongState(const QString &why) { return fail(QStringLiteral("wrong_state"), why); }
-inline Answer unavailable(const QString &why) { return fail(QStringLiteral("not_available"), why); }
+inline Answer wrong(const QString &what) { return fail(u"invalid_argument"_s, what); }
+inline Answer wrongState(const QString &why) { return fail(u"wrong_state"_s, why); }
+inline Answer unavailable(const QString &why) { return fail(u"not_available"_s, why); }

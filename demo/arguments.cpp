@@ -3,12 +3,9 @@
 #include "host.h"
 #include "tools.h"
 
-#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRegularExpression>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -31,9 +28,8 @@ QHash<QString, std::pair<double, double>> rangesOf(const QString &tool)
 
 QJsonValue schemaOf(const QString &tool)
 {
-    QFile file(u":/demo/contract.json"_s);
-    file.open(QIODevice::ReadOnly);
-    static const QJsonDocument catalogue = QJsonDocument::fromJson(file.readAll());
+    static const QJsonDocument catalogue
+            = QJsonDocument::fromJson(contents(u":/demo/contract.json"_s));
     const QJsonArray tools = catalogue["tools"_L1].toArray();
     for (const QJsonValue &one : tools) {
         if (one["name"_L1] == tool)
@@ -44,12 +40,9 @@ QJsonValue schemaOf(const QString &tool)
 
 bool isOfType(const QJsonValue &value, const QString &type)
 {
-    return type == "string"_L1    ? value.isString()
-           : type == "boolean"_L1 ? value.isBool()
-           : type == "number"_L1  ? value.isDouble()
-           : type == "array"_L1   ? value.isArray()
-           : type == "object"_L1  ? value.isObject()
-                                  : value.toInteger(0) == value.toInteger(1);
+    static const QStringList names = u"null boolean number string array object"_s.split(u' ');
+    const bool whole = value.toInteger(0) == value.toInteger(1);
+    return type == names.value(value.type()) || (type == "integer"_L1 && whole);
 }
 
 // What is wrong with a value, by its schema and its range; an empty text is nothing.

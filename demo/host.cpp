@@ -5,22 +5,24 @@
 #include <QStandardPaths>
 #include <QStorageInfo>
 #include <QThread>
+#include <QTimer>
 
 #include <csignal>
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <unistd.h>
 
-using namespace Qt::StringLiterals;
-
 constexpr qint64 MaxOutputBytes = 16 << 20;
+
+QByteArray contents(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
 
 // A line of /proc/meminfo, which counts in KiB.
 static int memoryGB(const QByteArray &name)
 {
-    QFile file(u"/proc/meminfo"_s);
-    file.open(QIODevice::ReadOnly);
-    const QByteArray text = file.readAll();
+    const QByteArray text = contents(u"/proc/meminfo"_s);
     return text.mid(text.indexOf(name)).simplified().split(' ').value(1).toInt() >> 20;
 }
 
@@ -48,57 +50,47 @@ QString missingOnHost()
                                "installs and makes it"_s.arg(missing.join(", "_L1));
 }
 
-void startBound(QProcess &process, const QString &program, const QStringList &arguments,
-                const QList<int> &inherited)
+void startBound(QProcess &process, const QString &program, const QStringList &arguments)
 {
-    process.setChildProcessModifier([parent = getpid(), inherited] {
+    process.setChildProcessModifier([parent = getpid()] {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) // it ended before that
             _exit(1);
-        for (const int descriptor : inherited)
-            fcntl(descriptor, F_SETFD, 0);
     });
     process.start(program, arguments);
-}
-
-Later<bool> killAfter(QPointer<QProcess> process, int ms, Later<QJsonObject> unless)
-{
-    co_await pause(ms);
-    if (process && !unless.isSet())
-        process->kill();
-    co_return true;
 }
 
 Later<Outcome> run(const QString &program, const QStringList &arguments, const QString &folder,
                    int limitMs)
 {
-    auto *process = new QProcess;
-    const auto outcome = std::make_shared<Outcome>();
-    const Later<Outcome> done;
-    const auto read = [process, outcome] {
-        outcome->output += process->readAllStandardOutput();
-        outcome->errors += process->readAllStandardError();
-        outcome->tooMuch = outcome->output.size() + outcome->errors.size() > MaxOutputBytes;
-        if (outcome->tooMuch)
-            process->kill();
+    QProcess process;
+    Outcome outcome;
+    const auto read = [&process, &outcome] {
+        outcome.output += process.readAllStandardOutput();
+        outcome.errors += process.readAllStandardError();
+        outcome.tooMuch = outcome.output.size() + outcome.errors.size() > MaxOutputBytes;
+        if (outcome.tooMuch)
+            process.kill();
     };
-    const auto end = [=](int exitCode) {
-        read();
-        outcome->exitCode = exitCode;
-        done.set(*outcome);
-        process->deleteLater();
-    };
-    QObject::connect(process, &QProcess::readyReadStandardOutput, process, read);
-    QObject::connect(process, &QProcess::readyReadStandardError, process, read);
-    QObject::connect(process, &QProcess::finished, process, [=](int exitCode, auto status) {
-        end(status == QProcess::NormalExit ? exitCode : -1);
+    const Later<bool> ended;
+    QObject::connect(&process, &QProcess::stateChanged, [ended](auto state) {
+        if (state == QProcess::NotRunning)
+            ended.set(true);
     });
-    QObject::connect(process, &QProcess::errorOccurred, process, [=](auto error) {
-        if (error == QProcess::FailedToStart)
-            end(-1);
-    });
-    killAfter(process, limitMs);
-    process->setWorkingDirectory(folder);
-    startBound(*process, program, arguments);
-    return done;
+    QObject::connect(&process, &QProcess::readyReadStandardOutput, read);
+    QObject::connect(&process, &QProcess::readyReadStandardError, read);
+    QTimer::singleShot(limitMs, &process, SLOT(kill()));
+    process.setWorkingDirectory(folder);
+    startBound(process, program, arguments);
+    co_await ended;
+    read();
+    if (process.error() == QProcess::UnknownError) // none: it was started, and not killed
+        outcome.exitCode = process.exitCode();
+    co_return outcome;
+}
+
+Later<Outcome> makeKey(const QString &name, const QString &folder)
+{
+    const QStringList words = u"-q -t ed25519 -C orrery -f %1 -N"_s.arg(name).split(u' ');
+    return run(u"ssh-keygen"_s, words + QStringList { QString() }, folder);
 }

@@ -5,7 +5,6 @@
 
 #include "answers.h"
 
-#include <QPointer>
 #include <QProcess>
 
 int hostProcessors();
@@ -13,17 +12,14 @@ int hostMemoryGB(); // for one machine at most: all but what the host itself nee
 int availableMemoryGB(); // now
 qint64 freeDiskGB(const QString &folder);
 QString guestFile(const QString &name);
+QByteArray contents(const QString &path); // of a file; nothing where it cannot be read
 
 // Which programs and files are missing, and how to get them; empty when all are there.
 QString missingOnHost();
 
-// Starts a program that inherits the descriptors. The kernel kills it when this process ends,
-// however that happens. It goes by the thread that forks, so call this from the main thread.
-void startBound(QProcess &process, const QString &program, const QStringList &arguments,
-                const QList<int> &inherited = {});
-
-// Kills a process that still runs after that many milliseconds, unless the value has come by then.
-Later<bool> killAfter(QPointer<QProcess> process, int ms, Later<QJsonObject> unless = {});
+// Starts a program, which the kernel kills when this process ends, however that does; it goes by
+// the thread that forks, so call it from the main one.
+void startBound(QProcess &process, const QString &program, const QStringList &arguments);
 
 struct Outcome
 {
@@ -39,3 +35,6 @@ struct Outcome
 // Runs a program in a folder to its end, bound as above, and kills it after limitMs milliseconds.
 Later<Outcome> run(const QString &program, const QStringList &arguments, const QString &folder,
                    int limitMs = 60'000);
+
+// Makes a pair of keys for SSH, the files of that name and with ".pub" in the folder.
+Later<Outcome> makeKey(const QString &name, const QString &folder);

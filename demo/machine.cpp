@@ -1,10 +1,8 @@
 #include "machine.h"
 
-#include <QRegularExpression>
+#include <QScopedValueRollback>
 
 #include <unistd.h>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -13,12 +11,6 @@ constexpr int PollMs = 20;
 
 // Whether KVM is worth a try: it may be there and still not work, which only a start tells.
 bool kvmWorks = access("/dev/kvm", R_OK | W_OK) == 0;
-
-QString hostName(const QString &machineName)
-{
-    static const QRegularExpression others(u"[^a-z0-9]+"_s);
-    return machineName.toLower().replace(others, u"-"_s);
-}
 
 } // namespace
 
@@ -52,38 +44,35 @@ QStringList Machine::arguments() const
 {
     QString media = text("installerMedia"_L1);
     const bool disc = media.endsWith(".iso"_L1);
-    const bool small = flag("smallLinux"_L1) && !disc;
-    const bool windows = text("os"_L1) == "windows"_L1; // has no drivers for virtio
+    const bool small = smallLinux && !disc;
     // What is kept lasts no longer than the application, so no write need reach the disk.
     const QString words
             = u"-nodefaults -no-user-config -display none -vga std -machine pc -cpu max "
               "-sandbox on,obsolete=deny,elevateprivileges=deny,spawn=deny -accel %1 "
               "-drive if=none,id=disk,format=qcow2,cache=unsafe,werror=report,"
-              "file=disk.qcow2 -netdev user,id=net,hostfwd=tcp:127.0.0.1:0-:22 "
-              "-smp %2 -m %3G -device %4,drive=disk -device %5,netdev=net,romfile= %6"_s;
-    const QString input = small ? u"-device virtio-tablet-pci -device virtio-keyboard-pci"_s
-                                : u"-usb -device usb-tablet"_s;
-    QStringList all = words.arg(accelerated ? u"kvm"_s : u"tcg,thread=multi"_s)
-                              .arg(settings["cpu"_L1].toInt())
-                              .arg(settings["ramGB"_L1].toInt())
-                              .arg(windows ? u"ide-hd"_s : u"virtio-blk-pci"_s,
-                                   windows ? u"e1000"_s : u"virtio-net-pci"_s, input)
+              "file=disk.qcow2 -netdev user,id=net,hostfwd=tcp:127.0.0.1:0-:22 -smp %2 -m %3G "_s;
+    // Small Linux has no drivers but virtio's; other systems surely have one for these.
+    const QString devices = small ? u"-device virtio-blk-pci,drive=disk "
+                                    "-device virtio-net-pci,netdev=net,romfile= "
+                                    "-device virtio-tablet-pci -device virtio-keyboard-pci"_s
+                                  : u"-device ide-hd,drive=disk -device e1000,netdev=net,romfile= "
+                                    "-usb -device usb-tablet"_s;
+    QStringList all = (words.arg(accelerated ? u"kvm"_s : u"tcg,thread=multi"_s)
+                               .arg(settings["cpu"_L1].toInt())
+                               .arg(settings["ramGB"_L1].toInt())
+                       + devices)
                               .split(u' ');
     if (disc) // a reboot finds what was installed from it
         all << u"-boot order=c,once=d -device ide-cd,drive=cd -drive"_s.split(u' ')
             << u"if=none,id=cd,media=cdrom,readonly=on,format=raw,file="_s
                         + media.replace(u","_s, u",,"_s);
-    if (!small)
-        return all;
-    all << u"-kernel"_s << guestFile(u"kernel"_s) << u"-initrd"_s << guestFile(u"initrd"_s)
-        << u"-append"_s << u"console=ttyS0 console=tty0 no-scroll"_s;
-    QStringList told { "hostname,string="_L1 + hostName(text("name"_L1)) };
-    if (!media.isEmpty())
-        told << u"installer,string=yes"_s;
-    if (const QString user = text("account"_L1); !user.isEmpty()) // its password is nobody else's
-        told << "username,string="_L1 + user << u"password,file=password"_s;
-    for (const QString &what : std::as_const(told))
-        all << u"-fw_cfg"_s << "name=opt/demo/"_L1 + what;
+    if (small)
+        all << u"-fw_cfg name=opt/demo/setup,file=setup -fw_cfg name=opt/demo/key,file=tools.pub"_s
+                        .split(u' ')
+            << u"-kernel"_s << guestFile(u"kernel"_s) << u"-initrd"_s << guestFile(u"initrd"_s)
+            << u"-append"_s
+            << u"console=ttyS0 console=tty0 no-scroll "_s
+                        + (media.isEmpty() ? QString() : u"installer"_s);
     return all;
 }
 
@@ -93,7 +82,7 @@ Later<QString> Machine::launch(const QStringList &more)
     lastError.clear();
     qemu = std::make_unique<Qemu>(
             arguments() + more, folder.path(),
-            Qemu::Listener { [this](const QString &line) { note(line); },
+            Qemu::Listener { [this](const QString &line) { heard(line); },
                              [this](const QString &event) { happened(event); },
                              [this](const QString &error) { ended(error); } });
     const Later<QJsonObject> up = qemu->up; // which may go while it is waited for
@@ -103,7 +92,7 @@ Later<QString> Machine::launch(const QStringList &more)
 
 Later<QString> Machine::boot()
 {
-    const Flag works(busy);
+    const QScopedValueRollback works(busy, true);
     booted = false;
     accelerated = kvmWorks;
     QString complaint = co_await launch();
@@ -120,7 +109,7 @@ Later<QString> Machine::boot()
 
 Later<QString> Machine::suspend()
 {
-    const Flag works(busy);
+    const QScopedValueRollback works(busy, true);
     qemu->command(u"stop"_s);
     const QJsonObject answer = co_await qemu->monitor(u"savevm suspended"_s);
     const QString complaint
@@ -136,7 +125,7 @@ Later<QString> Machine::suspend()
 
 Later<QString> Machine::resume()
 {
-    const Flag works(busy);
+    const QScopedValueRollback works(busy, true);
     const QString complaint = co_await launch(u"-loadvm suspended"_s.split(u' '));
     if (!complaint.isEmpty())
         co_return complaint;
@@ -150,7 +139,7 @@ Later<QString> Machine::resume()
 
 Later<QString> Machine::dropMemory()
 {
-    const Flag works(busy);
+    const QScopedValueRollback works(busy, true);
     const Outcome dropped = co_await diskTool(u"snapshot -q -d suspended disk.qcow2"_s);
     stateAfterEnd = "stopped"_L1;
     if (dropped.succeeded())
@@ -158,12 +147,18 @@ Later<QString> Machine::dropMemory()
     co_return dropped.words();
 }
 
+void Machine::heard(const QString &line)
+{
+    note(line);
+    booted |= line == "Small Linux is ready"_L1;
+}
+
 void Machine::happened(const QString &event)
 {
-    if (event != "ready"_L1 && event != "RESET"_L1)
+    if (event != "RESET"_L1)
         return;
-    booted = event == "ready"_L1;
-    note(booted ? u"the guest has booted"_s : u"the guest reboots"_s);
+    booted = false;
+    note(u"the guest reboots"_s);
 }
 
 void Machine::ended(const QString &error)

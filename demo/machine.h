@@ -19,7 +19,7 @@ public:
 
     QString text(QLatin1StringView key) const { return settings[key].toString(); }
     bool flag(QLatin1StringView key) const { return settings[key].toBool(); }
-    bool is(QLatin1StringView state) const { return text(QLatin1StringView("state")) == state; }
+    bool is(QLatin1StringView state) const { return text("state"_L1) == state; }
 
     // The settings of these names, for a tool's answer.
     QJsonObject pick(std::initializer_list<QLatin1StringView> keys) const;
@@ -39,7 +39,9 @@ public:
     QString lastError;
     std::unique_ptr<Qemu> qemu; // while it runs
     QElapsedTimer started; // since the last start, while it runs
-    bool booted = false; // the guest's tools have reported since then
+    bool smallLinux = false; // which boots from the host's files, other systems from their disk
+    QString sshUser; // whom provision_ssh chose
+    bool booted = false; // Small Linux has reported so since then
     bool accelerated = false; // by the host's processor, not emulated
     bool busy = false;
     bool screenIsRead = false; // right now, which takes several commands
@@ -47,21 +49,13 @@ public:
 private:
     Later<QString> launch(const QStringList &more = {});
     QStringList arguments() const;
+    void heard(const QString &line);
     void happened(const QString &event);
     void ended(const QString &error);
     void setState(QLatin1StringView state);
     void note(const QString &line);
 
-    QLatin1StringView stateAfterEnd { "stopped" };
+    QLatin1StringView stateAfterEnd = "stopped"_L1;
 };
 
 using MachinePtr = std::shared_ptr<Machine>;
-
-// Sets a machine's flag for as long as this object lives.
-struct Flag
-{
-    explicit Flag(bool &flag) : set(flag) { set = true; }
-    ~Flag() { set = false; }
-    Q_DISABLE_COPY_MOVE(Flag)
-    bool &set;
-};

@@ -1,12 +1,13 @@
-// One QEMU process: its monitor (QMP), its serial line, and the line to the guest's tools. It
-// inherits all three as descriptors, so they have no names that anybody else could use.
+// One QEMU process: its monitor (QMP) on its standard input and output, and what it and its
+// machine's serial line say on its standard error. So they have no names that anybody else could
+// use.
 
 #pragma once
 
 #include "host.h"
 
 #include <QHash>
-#include <QLocalSocket>
+#include <QTimer>
 
 class Qemu : public QObject
 {
@@ -14,7 +15,7 @@ public:
     struct Listener
     {
         std::function<void(const QString &line)> said; // on the serial line, or by QEMU itself
-        std::function<void(const QString &event)> happened; // an event of QMP, or "ready"
+        std::function<void(const QString &event)> happened; // of QMP
         std::function<void(const QString &error)> ended; // its last words, or nothing
     };
 
@@ -28,11 +29,7 @@ public:
     // A command of the human monitor; the answer has what that says.
     Later<QJsonObject> monitor(const QString &line);
 
-    // Runs a shell command as root through the guest's tools. The answer has "exit" and, with both
-    // streams in it, "output"; it is empty when 25 s have passed.
-    Later<QJsonObject> inGuest(const QString &shellCommand);
-
-    // Ends it: politely, or by force if that does not help.
+    // Ends it: politely, and if that does not help, by force.
     void cutPower();
 
     // The first answer, which comes once the machine is made and its processors can be started.
@@ -40,15 +37,14 @@ public:
 
 private:
     void readMonitor();
-    void readAgent();
     void readLines(const QByteArray &more);
     void end();
 
     QProcess process;
-    QLocalSocket qmp, agent;
+    QTimer hangs; // times out unless it says something soon
     Listener listener;
-    QHash<qint64, Later<QJsonObject>> waiting; // for an answer on either line
+    QHash<qint64, Later<QJsonObject>> waiting; // for an answer
     qint64 lastId = 0;
     QByteArray unfinished; // line
-    QString lastWords;
+    QString lastWords = u"QEMU was killed"_s;
 };

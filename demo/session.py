@@ -30,7 +30,7 @@ class Client:
         # In a process group of its own, so that Ctrl-C leaves it to end the application.
         self.server = subprocess.Popen(
             [folder / "orrery-mcp"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-            env=dict(os.environ, TMPDIR=temporary), process_group=0)
+            encoding="utf-8", env=dict(os.environ, TMPDIR=temporary), process_group=0)
         self.started = time.monotonic()
         self.last_id = 0
 
@@ -42,8 +42,7 @@ class Client:
         if not notification:
             self.last_id += 1
             message["id"] = self.last_id
-        self.server.stdin.write(json.dumps(message).encode() + b"\n")
-        self.server.stdin.flush()
+        print(json.dumps(message), file=self.server.stdin, flush=True)
 
     def answer(self):
         """Waits for the answer to the last request, and tells the events that come before it."""

@@ -1,7 +1,5 @@
 #include "tools.h"
 
-using namespace Qt::StringLiterals;
-
 namespace {
 
 // What the demonstration does without, and why.
@@ -52,14 +50,6 @@ std::optional<Answer> refuse(const QString &needs, const Call &call)
 }
 
 } // namespace
-
-QJsonObject told(const Machine &machine)
-{
-    QJsonObject settings = machine.settings;
-    for (const auto &own : { "smallLinux"_L1, "account"_L1, "sshUser"_L1 })
-        settings.remove(own);
-    return settings;
-}
 
 QHash<QString, std::pair<QString, Tool::Run>> &Tool::all()
 {

@@ -48,12 +48,9 @@ constexpr int LookMs = 50;
 // ranges in its prose. The tool itself checks what one argument asks of another.
 std::optional<Answer> refuseArguments(const QString &tool, const QJsonObject &arguments);
 
-// The settings of a machine that tools report.
-QJsonObject told(const Machine &machine);
-
-// The screen as it is now, null if the machine has ended. Stores its size in the settings.
+// The screen as it is now, null where there is none; keeps the size in its settings.
 Later<QImage> takePicture(MachinePtr machine);
 
-// The answer of capture_screen to its arguments region, scale, format and output: a PNG or JPEG as
-// "imageBase64", or the path of a file that has it.
-Answer captured(const QImage &screen, const QJsonObject &arguments);
+// The answer of capture_screen for its arguments region, scale, format and output: a PNG or JPEG as
+// "imageBase64", or the path of a file with it.
+Answer captured(const Machine &machine, const QImage &screen, const QJsonObject &arguments);

@@ -4,8 +4,6 @@
 
 #include <QRegularExpression>
 
-using namespace Qt::StringLiterals;
-
 namespace {
 
 constexpr int MaxActions = 100;
@@ -14,22 +12,18 @@ constexpr int EventMs = 30; // between events: a guest takes in no more than it 
 constexpr int DragSteps = 10;
 constexpr int TabletRange = 0x8000;
 
-// Of words like "enter=ret", names with QEMU's names of their keys.
-QHash<QString, QString> table(const QString &words)
-{
-    QHash<QString, QString> all;
-    const QStringList entries = words.split(u' ');
-    for (const QString &entry : entries)
-        all.insert(entry.chopped(entry.size() - entry.indexOf(u'=', 1)), entry.section(u'=', -1));
-    return all;
-}
-
-const auto modifierCodes = table(u"ctrl=ctrl shift=shift alt=alt meta=meta_l"_s);
-const auto keyCodes = table(
-        u"enter=ret tab=tab escape=esc space=spc backspace=backspace up=up down=down left=left "
-        "right=right delete=delete insert=insert home=home end=end pageup=pgup pagedown=pgdn "
-        "-=minus ==equal [=bracket_left ]=bracket_right \\=backslash ;=semicolon '=apostrophe "
-        "`=grave_accent ,=comma .=dot /=slash"_s);
+// QEMU's names of keys, by the catalogue's or by what is on them; the others have the same.
+const QHash<QString, QString> keyCodes {
+    { u"enter"_s, u"ret"_s },      { u"\n"_s, u"ret"_s },         { u"\t"_s, u"tab"_s },
+    { u"escape"_s, u"esc"_s },     { u"space"_s, u"spc"_s },      { u" "_s, u"spc"_s },
+    { u"pageup"_s, u"pgup"_s },    { u"pagedown"_s, u"pgdn"_s },  { u"-"_s, u"minus"_s },
+    { u"="_s, u"equal"_s },        { u"["_s, u"bracket_left"_s }, { u"]"_s, u"bracket_right"_s },
+    { u"\\"_s, u"backslash"_s },   { u";"_s, u"semicolon"_s },    { u"'"_s, u"apostrophe"_s },
+    { u"`"_s, u"grave_accent"_s }, { u","_s, u"comma"_s },        { u"."_s, u"dot"_s },
+    { u"/"_s, u"slash"_s },
+};
+const QRegularExpression sameCodes(
+        u"^([a-z0-9]|f[1-9]|f1[0-2]|tab|backspace|delete|insert|up|down|left|right|home|end)$"_s);
 
 QJsonObject keyEvent(const QString &code, bool down)
 {
@@ -67,10 +61,13 @@ struct Action
 
     QPoint at(QLatin1StringView x, QLatin1StringView y)
     {
-        const QPointF point(action[x].toInt(-1) / scale, action[y].toInt(-1) / scale);
-        if (!QRectF({}, screen).contains(point))
+        const auto pixel = [this](QLatin1StringView name) {
+            return static_cast<int>(action[name].toInt(-1) / scale);
+        };
+        const QPoint point(pixel(x), pixel(y));
+        if (!QRect({}, screen).contains(point))
             error = u"%1 and %2 must be inside the screen"_s.arg(x, y);
-        return { static_cast<int>(point.x()), static_cast<int>(point.y()) };
+        return point;
     }
 
     void moveTo(QPoint point)
@@ -94,34 +91,28 @@ struct Action
     {
         const QJsonArray held = action["modifiers"_L1].toArray();
         for (const QJsonValue &modifier : held) {
-            const QString code = modifierCodes.value(modifier.toString());
-            if (code.isEmpty())
-                error = "there is no modifier "_L1 + modifier.toString();
+            const QString name = modifier.toString();
+            if (!QStringList { u"ctrl"_s, u"shift"_s, u"alt"_s, u"meta"_s }.contains(name))
+                error = "there is no modifier "_L1 + name;
+            const QString code = name == "meta"_L1 ? u"meta_l"_s : name;
             steps << QJsonArray { keyEvent(code, down) };
         }
     }
 
-    void press(const QString &given)
+    void press(const QString &name)
     {
-        static const QRegularExpression plain(u"^([a-z0-9]|f[1-9]|f1[0-2])$"_s);
-        static const QString symbols = u"~!@#$%^&*()_+{}|:\"<>?"_s;
-        static const QString bareSymbols = u"`1234567890-=[]\\;',./"_s;
-        const QString name = given == " "_L1    ? u"space"_s
-                             : given == "\n"_L1 ? u"enter"_s
-                             : given == "\t"_L1 ? u"tab"_s
-                                                : given;
-        const qsizetype symbol = name.size() == 1 ? symbols.indexOf(name) : -1;
-        const bool upper = name.size() == 1 && name[0] >= u'A' && name[0] <= u'Z';
-        const QString bare = symbol >= 0 ? bareSymbols.mid(symbol, 1)
-                             : upper     ? name.toLower()
-                                         : name;
-        const QString code = plain.match(bare).hasMatch() ? bare : keyCodes.value(bare);
+        static const QString shifted = u"~!@#$%^&*()_+{}|:\"<>?ABCDEFGHIJKLMNOPQRSTUVWXYZ"_s;
+        static const QString bare = u"`1234567890-=[]\\;',./abcdefghijklmnopqrstuvwxyz"_s;
+        const qsizetype shift = name.size() == 1 ? shifted.indexOf(name) : -1;
+        const QString key = shift < 0 ? name : bare.mid(shift, 1);
+        const QString code = keyCodes.value(key, sameCodes.match(key).hasMatch() ? key : QString());
         if (code.isEmpty())
             error = "a US keyboard has no key for "_L1 + name;
         QJsonArray events { keyEvent(code, true), keyEvent(code, false) };
-        if (symbol >= 0 || upper)
-            events = { keyEvent(u"shift"_s, true), events[0], events[1],
-                       keyEvent(u"shift"_s, false) };
+        if (shift >= 0) {
+            events.prepend(keyEvent(u"shift"_s, true));
+            events.append(keyEvent(u"shift"_s, false));
+        }
         steps << events;
     }
 
@@ -177,14 +168,14 @@ const Tool sendInput("send_input", "running", [](const Call &call) -> Reply {
         complaint = all.emplace_back(actions[n].toObject(), before.size(), imageScale).error;
     if (!complaint.isEmpty())
         co_return wrong(complaint);
-    Answer picture = captured(before, call.arguments); // tells whether there is such a part of it
+    Answer picture = captured(*call.machine, before,
+                              call.arguments); // tells whether there is such a part of it
     if (picture.contains("error"_L1))
         co_return picture;
     int done = 0;
     for (const Action &action : all) {
         for (const QJsonArray &step : action.steps) {
-            while (call.machine
-                           ->screenIsRead) // the guest may stand still, and QEMU drops events then
+            while (call.machine->screenIsRead) // the guest stands still, and QEMU drops events
                 co_await pause(EventMs);
             if (!call.machine->qemu)
                 co_return wrongState(u"%1 actions were done, then the VM ended"_s.arg(done));
@@ -198,7 +189,8 @@ const Tool sendInput("send_input", "running", [](const Call &call) -> Reply {
     if (!call.flag("captureAfter"_L1))
         co_return ok("actions"_L1, done);
     co_await pause(call.number("captureDelayMs"_L1, 500));
-    picture = captured(co_await takePicture(call.machine), call.arguments);
+    const QImage after = co_await takePicture(call.machine);
+    picture = captured(*call.machine, after, call.arguments);
     QJsonObject result = picture["result"_L1].toObject();
     result["actions"_L1] = done;
     co_return picture.contains("error"_L1) ? picture : ok(result);

@@ -6,8 +6,6 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
-using namespace Qt::StringLiterals;
-
 namespace {
 
 // What is wrong with the arguments of create_vm among themselves, or nothing.
@@ -21,7 +19,7 @@ QString creationComplaint(const Call &call)
     const bool linux = call.text("os"_L1) == "linux"_L1;
     const bool userData = has("userData"_L1) || has("userDataPath"_L1);
     const QFileInfo image(call.text("image"_L1));
-    const bool listed = linux && (!has("image"_L1) || call.text("image"_L1) == smallLinux);
+    const bool listed = linux && (!has("image"_L1) || call.text("image"_L1) == smallLinuxId);
     const bool disc = image.isAbsolute() && image.isFile() && image.suffix() == "iso"_L1;
     const std::pair<bool, QString> faults[] {
         { has("name"_L1) && !names.match(call.text("name"_L1)).hasMatch(),
@@ -62,8 +60,8 @@ const Tool createVm("create_vm", "", [](const Call &call) -> Reply {
         co_return ok("jobId"_L1, (*job)["jobId"_L1]);
     while (runs(job))
         co_await pause(LookMs);
-    const MachinePtr machine = call.world.machines.value((*job)["vmId"_L1].toString());
-    co_return machine ? ok(told(*machine)) : fail(u"failed"_s, (*job)["error"_L1].toString());
+    const MachinePtr machine = call.world.machines.value(job->value("vmId"_L1).toString());
+    co_return machine ? ok(machine->settings) : fail(u"failed"_s, (*job)["error"_L1].toString());
 });
 
 const Tool jobStatus("job_status", "", [](const Call &call) -> Reply { return ok(*call.job); });
@@ -83,12 +81,11 @@ const Tool listJobs("list_jobs", "", [](const Call &call) -> Reply {
 });
 
 const Tool listImages("list_images", "", [](const Call &) -> Reply {
-    QFile file(guestFile(u"version"_s));
-    if (!missingOnHost().isEmpty() || !file.open(QIODevice::ReadOnly))
+    if (!missingOnHost().isEmpty())
         return ok("images"_L1, QJsonArray());
-    const QString version = "Small Linux "_L1 + QString::fromUtf8(file.readAll()).trimmed();
-    const QJsonObject image = object("imageId"_L1, smallLinux, "os"_L1, u"linux"_s, "version"_L1,
-                                     version, "downloaded"_L1, true);
+    const QByteArray version = "Small Linux " + contents(guestFile(u"version"_s)).trimmed();
+    const QJsonObject image = object("imageId"_L1, smallLinuxId, "os"_L1, u"linux"_s, "version"_L1,
+                                     QString::fromUtf8(version), "downloaded"_L1, true);
     return ok("images"_L1, QJsonArray { image });
 });
 

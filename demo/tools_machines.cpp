@@ -3,11 +3,9 @@
 #include "host.h"
 #include "tools.h"
 
-#include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-
-using namespace Qt::StringLiterals;
+#include <QScopedValueRollback>
 
 namespace {
 
@@ -23,9 +21,8 @@ const Tool listVms("list_vms", "", [](const Call &call) -> Reply {
 });
 
 const Tool getVm("get_vm", "", [](const Call &call) -> Reply {
-    if (call.machine->qemu)
-        co_await takePicture(call.machine); // for the size of the display
-    co_return ok(told(*call.machine));
+    co_await takePicture(call.machine); // for the size of the display
+    co_return ok(call.machine->settings);
 });
 
 Answer stateOf(const Machine &machine, const QString &complaint = {})
@@ -43,33 +40,26 @@ const Tool startVm("start_vm", "unsuspended", [](const Call &call) -> Reply {
     co_return stateOf(*call.machine, co_await call.machine->boot());
 });
 
-Reply stopByForce(const Call &call)
-{
-    if (call.machine->is("suspended"_L1))
-        co_return stateOf(*call.machine, co_await call.machine->dropMemory());
-    if (call.machine->qemu)
-        call.machine->qemu->cutPower();
-    while (call.machine->qemu)
-        co_await pause(LookMs);
-    co_return stateOf(*call.machine);
-}
-
 const Tool stopVm("stop_vm", "", [](const Call &call) -> Reply {
-    if (call.text("mode"_L1) == "force"_L1)
-        co_return co_await stopByForce(call);
-    if (call.machine->is("suspended"_L1))
+    Machine &machine = *call.machine;
+    const bool force = call.text("mode"_L1) == "force"_L1;
+    if (machine.is("suspended"_L1) && force)
+        co_return stateOf(machine, co_await machine.dropMemory());
+    if (machine.is("suspended"_L1))
         co_return wrongState(u"the VM is suspended; only mode:force stops it"_s);
+    if (machine.qemu && force)
+        machine.qemu->cutPower();
     const Later<bool> timeUp = pause(ShutdownMs);
     Later<bool> askAgain = true;
-    while (call.machine->qemu && !timeUp.isSet() && call.wanted()) {
-        if (askAgain.isSet()) {
-            call.machine->qemu->command(u"system_powerdown"_s);
+    while (machine.qemu && !timeUp.isSet() && call.wanted()) {
+        if (askAgain.isSet() && !force) {
+            machine.qemu->command(u"system_powerdown"_s);
             askAgain = pause(AskAgainMs);
         }
         co_await pause(LookMs);
     }
     const QString running = u"the guest has not shut down yet (wait_for_state)"_s;
-    co_return stateOf(*call.machine, call.machine->qemu ? running : QString());
+    co_return stateOf(machine, machine.qemu ? running : QString());
 });
 
 const Tool suspendResumeVm("suspend_resume_vm", "unstopped", [](const Call &call) -> Reply {
@@ -109,7 +99,7 @@ const Tool getDiagnostics("get_diagnostics", "", [](const Call &call) -> Reply {
     check(u"host"_s, missingOnHost().isEmpty(), missingOnHost());
     check(u"memory"_s, runs || !call.world.refuseStart(machine), u"Stop another VM."_s);
     check(u"disk"_s, freeDiskGB(call.world.place) > 0, "Free space in "_L1 + call.world.place);
-    check(u"acceleration"_s, !runs || machine.accelerated, u"This host has no KVM: it is slow."_s);
+    check(u"acceleration"_s, !runs || machine.accelerated, u"Without KVM it is slow."_s);
     check(u"system"_s, machine.flag("installed"_L1), u"Use finish_install."_s);
     check(u"guest tools"_s, !runs || machine.booted, u"Wait for the guest's login."_s);
     return ok("state"_L1, machine.settings["state"_L1], "uptimeSeconds"_L1,
@@ -140,14 +130,14 @@ const Tool setHardware("set_hardware", "stopped", [](const Call &call) -> Reply 
     if (const auto refusal = refuseHardware(changed))
         return *refusal;
     call.machine->settings = changed;
-    return ok(told(*call.machine));
+    return ok(call.machine->settings);
 });
 
 const Tool resizeDisk("resize_disk", "stopped confirm", [](const Call &call) -> Reply {
     const int size = call.arguments["newGB"_L1].toInt();
     if (size <= call.machine->settings["diskGB"_L1].toInt())
         co_return wrong(u"a disk can only grow"_s);
-    const Flag works(call.machine->busy);
+    const QScopedValueRollback works(call.machine->busy, true);
     const Outcome grown = co_await call.machine->diskTool(u"resize -q disk.qcow2 %1G"_s.arg(size));
     if (!grown.succeeded())
         co_return fail(u"failed"_s, grown.words());
@@ -160,27 +150,21 @@ const Tool setInstallerMedia("set_installer_media", "stopped", [](const Call &ca
     if (!file.isAbsolute() || !file.isFile() || !file.isReadable() || file.suffix() != "iso"_L1)
         return wrong(u"path is not a readable .iso file on the host"_s);
     call.machine->settings["installerMedia"_L1] = file.filePath();
-    return ok(told(*call.machine));
+    return ok(call.machine->settings);
 });
-
-// Whether the disk begins as one that a PC boots from; Small Linux does without.
-Later<bool> hasBootSector(MachinePtr machine)
-{
-    QFile sector(machine->folder.filePath(u"sector"_s));
-    co_await machine->diskTool(u"dd -f qcow2 -O raw bs=512 count=1 if=disk.qcow2 of=sector"_s);
-    co_return sector.open(QIODevice::ReadOnly) && sector.readAll().endsWith("\x55\xaa");
-}
 
 const Tool finishInstall("finish_install", "stopped", [](const Call &call) -> Reply {
     QJsonObject &settings = call.machine->settings;
-    const Flag works(call.machine->busy);
-    const bool otherSystem = co_await hasBootSector(call.machine);
-    const bool small = settings["smallLinux"_L1].toBool() && !otherSystem;
-    settings["smallLinux"_L1] = small;
-    settings["guestTools"_L1] = small ? QJsonValue(guestToolsVersion) : QJsonValue();
+    const QScopedValueRollback works(call.machine->busy, true);
+    // Small Linux makes no boot sector.
+    co_await call.machine->diskTool(u"dd -f qcow2 -O raw bs=512 count=1 if=disk.qcow2 of=sector"_s);
+    if (contents(call.machine->folder.filePath(u"sector"_s)).endsWith("\x55\xaa"))
+        call.machine->smallLinux = false;
+    settings["guestTools"_L1]
+            = call.machine->smallLinux ? QJsonValue(guestToolsVersion) : QJsonValue();
     settings["installed"_L1] = true;
     settings["installerMedia"_L1] = QJsonValue::Null;
-    co_return ok(told(*call.machine));
+    co_return ok(call.machine->settings);
 });
 
 const Tool hostCapabilities("host_capabilities", "", [](const Call &call) -> Reply {

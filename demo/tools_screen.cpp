@@ -3,11 +3,9 @@
 #include "tools.h"
 
 #include <QBuffer>
-#include <QFile>
 #include <QRegularExpression>
+#include <QScopedValueRollback>
 #include <QTemporaryFile>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -44,22 +42,32 @@ QStringList linesOf(const QByteArray &memory, qsizetype start, qsizetype rows)
     return lines;
 }
 
-QByteArray contents(const QString &path)
+Answer noPicture(const Machine &machine)
 {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return machine.is("running"_L1) ? fail(u"failed"_s, "QEMU cannot write what it shows into "_L1
+                                                                + machine.folder.path())
+                                    : wrongState("the VM is now "_L1 + machine.text("state"_L1));
 }
 
-// What the screen shows in VGA's text mode, exactly, without blanks at the ends of lines and blank
-// lines at the end. Nothing where it is graphical, or the machine has ended.
-Later<std::optional<QStringList>> readText(MachinePtr machine)
+struct Text
+{
+    QStringList lines; // without blanks at their ends, and blank ones at the end
+    Answer refusal; // empty when they are what the screen shows
+};
+
+// What the screen shows in VGA's text mode, exactly.
+Later<Text> readText(MachinePtr machine)
 {
     const QImage picture = co_await takePicture(machine);
     while (machine->screenIsRead)
         co_await pause(PollMs);
-    if (picture.size() != TextMode || !machine->qemu)
-        co_return std::nullopt;
-    const Flag reads(machine->screenIsRead);
+    if (picture.isNull() || !machine->qemu)
+        co_return Text { {}, noPicture(*machine) };
+    if (picture.size() != TextMode)
+        co_return Text {
+            {}, unavailable(u"the screen is graphical; look at it with capture_screen"_s)
+        };
+    const QScopedValueRollback reads(machine->screenIsRead, true);
     Qemu &qemu = *machine->qemu;
     // The registers of the CRT controller are read through its index, which is the guest's: the
     // guest stands still meanwhile, and finds the index as it was.
@@ -78,26 +86,21 @@ Later<std::optional<QStringList>> readText(MachinePtr machine)
     const int rows = TextMode.height() / ((portValue(co_await cellHeight) & 0x1f) + 1);
     co_await saved;
     const QByteArray memory = contents(machine->folder.filePath(u"text"_s));
-    co_return memory.size() < TextBytes ? std::nullopt
-                                        : std::optional(linesOf(memory, start, rows));
+    if (memory.size() < TextBytes)
+        co_return Text { {}, noPicture(*machine) };
+    co_return Text { linesOf(memory, start, rows), {} };
 }
 
 const Tool captureScreen("capture_screen", "running", [](const Call &call) -> Reply {
-    co_return captured(co_await takePicture(call.machine), call.arguments);
+    const QImage picture = co_await takePicture(call.machine);
+    co_return captured(*call.machine, picture, call.arguments);
 });
 
-Answer refuseText(const Machine &machine)
-{
-    return machine.is("running"_L1)
-                   ? unavailable(u"the screen is graphical; look at it with capture_screen"_s)
-                   : wrongState("the VM is now "_L1 + machine.text("state"_L1));
-}
-
 const Tool readConsoleText("read_console_text", "running", [](const Call &call) -> Reply {
-    const auto text = co_await readText(call.machine);
-    if (!text)
-        co_return refuseText(*call.machine);
-    const QStringList lines = text->filter(QRegularExpression(call.text("pattern"_L1)));
+    const Text text = co_await readText(call.machine);
+    if (!text.refusal.isEmpty())
+        co_return text.refusal;
+    const QStringList lines = text.lines.filter(QRegularExpression(call.text("pattern"_L1)));
     co_return ok("text"_L1, lines.join(u'\n'), "lines"_L1, lines.size());
 });
 
@@ -106,13 +109,14 @@ const Tool waitForText("wait_for_text", "running", [](const Call &call) -> Reply
     const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 45) * 1'000);
     while (call.wanted()) {
         const bool last = timeUp.isSet();
-        const auto text = co_await readText(call.machine);
-        if (!call.machine->is("running"_L1) || (last && !text))
-            co_return refuseText(*call.machine);
-        const QStringList lines = text ? text->filter(pattern) : QStringList();
-        if (last || !lines.isEmpty())
-            co_return ok("found"_L1, !lines.isEmpty(), "line"_L1,
-                         lines.isEmpty() ? QJsonValue() : lines[0]);
+        const Text text = co_await readText(call.machine);
+        const QStringList found = text.lines.filter(pattern);
+        if (!found.isEmpty())
+            co_return ok("found"_L1, true, "line"_L1, found[0]);
+        if (!text.refusal.isEmpty() && (last || !call.machine->is("running"_L1)))
+            co_return text.refusal;
+        if (last)
+            co_return ok("found"_L1, false, "line"_L1, QJsonValue());
         co_await pause(ReadAgainMs);
     }
     co_return {};
@@ -124,25 +128,28 @@ Later<QImage> takePicture(MachinePtr machine)
 {
     while (machine->screenIsRead)
         co_await pause(PollMs);
-    const Flag reads(machine->screenIsRead);
+    const QScopedValueRollback reads(machine->screenIsRead, true);
     if (!machine->qemu)
         co_return {};
-    co_await machine->qemu->command(u"screendump"_s, object("filename"_L1, u"screen"_s));
-    const QImage image = QImage::fromData(contents(machine->folder.filePath(u"screen"_s)));
+    const QJsonObject answer
+            = co_await machine->qemu->command(u"screendump"_s, object("filename"_L1, u"screen"_s));
+    if (answer.contains("error"_L1))
+        co_return {};
+    const QImage image(machine->folder.filePath(u"screen"_s));
     if (!image.isNull() && machine->qemu)
         machine->settings["display"_L1]
                 = object("width"_L1, image.width(), "height"_L1, image.height());
     co_return machine->qemu ? image : QImage();
 }
 
-Answer captured(const QImage &screen, const QJsonObject &arguments)
+Answer captured(const Machine &machine, const QImage &screen, const QJsonObject &arguments)
 {
     const QJsonArray asked = arguments["region"_L1].toArray();
     const QRectF part(asked[0].toDouble(), asked[1].toDouble(), asked[2].toDouble(),
                       asked[3].toDouble());
     const QRect region = arguments.contains("region"_L1) ? part.toRect() : screen.rect();
     if (screen.isNull())
-        return wrongState(u"the VM has stopped"_s);
+        return noPicture(machine);
     if (region.isEmpty() || !screen.rect().contains(region) || asked.size() % 4 != 0)
         return wrong(u"region must be [x, y, width, height] inside the screen"_s);
     const double scale = arguments["scale"_L1].toDouble(1);
@@ -163,9 +170,9 @@ Answer captured(const QImage &screen, const QJsonObject &arguments)
     }
     // Only the user may read it, under a name that nobody else can have taken before.
     QTemporaryFile file(QDir::temp().filePath(u"orrery-demo-XXXXXX."_s + format));
-    file.setAutoRemove(false);
     if (!file.open() || file.write(bytes.data()) != bytes.size() || !file.flush())
-        return fail(u"failed"_s, "cannot write a picture: "_L1 + file.errorString());
+        return fail(u"failed"_s, "there is no room for the picture in "_L1 + QDir::tempPath());
+    file.setAutoRemove(false);
     result["path"_L1] = file.fileName();
     return ok(result);
 }

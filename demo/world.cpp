@@ -7,8 +7,6 @@
 
 #include <unistd.h>
 
-using namespace Qt::StringLiterals;
-
 namespace {
 
 constexpr qint64 LeastFreeGB = 1;
@@ -23,15 +21,13 @@ QJsonObject settingsOf(const QJsonObject &arguments, const QString &folder)
                               .object();
     for (const auto &chosen : { "name"_L1, "os"_L1, "cpu"_L1, "ramGB"_L1, "diskGB"_L1 })
         all[chosen] = arguments[chosen];
-    const QString image = arguments["image"_L1].toString(smallLinux);
+    const QString image = arguments["image"_L1].toString(smallLinuxId);
     const bool installed = arguments["unattended"_L1].toBool();
     all["id"_L1] = folder;
     all["installed"_L1] = installed;
     if (all["os"_L1] == "linux"_L1)
         all["linuxNetworkDriver"_L1] = u"builtin"_s;
     all[installed ? "guestTools"_L1 : "installerMedia"_L1] = installed ? guestToolsVersion : image;
-    all["smallLinux"_L1] = image == smallLinux; // from here on what is not told
-    all["account"_L1] = arguments["username"_L1];
     return all;
 }
 
@@ -88,9 +84,10 @@ Later<bool> World::begin()
                                    "username"_L1, u"demo"_s, "password"_L1, u"demo"_s));
     while (runs(job))
         co_await pause(1);
+    if (machines.empty()) // list_jobs tells why
+        co_return false;
     jobs.clear(); // nobody asked for it
-    if (!machines.empty())
-        co_await machines.first()->boot();
+    co_await machines.first()->boot();
     co_return true;
 }
 
@@ -141,7 +138,8 @@ void World::advance(const JobPtr &job, int progress, const QString &step)
 Later<QString> World::create(JobPtr job, QJsonObject arguments)
 {
     co_await pause(0); // whoever started it is to see all of it
-    const QString folder = "%1/%2.vm"_L1.arg(place, arguments["name"_L1].toString());
+    const QString name = arguments["name"_L1].toString();
+    const QString folder = "%1/%2.vm"_L1.arg(place, name);
     advance(job, 10, u"checking the host"_s);
     const bool room = freeDiskGB(place) >= LeastFreeGB && QDir().mkdir(folder);
     advance(job, 40, u"making the disk"_s);
@@ -149,17 +147,22 @@ Later<QString> World::create(JobPtr job, QJsonObject arguments)
     const QStringList disk = words.arg(arguments["diskGB"_L1].toInt()).split(u' ');
     const Outcome made = co_await run(u"qemu-img"_s, disk, folder);
     advance(job, 80, u"setting up the system"_s);
-    QFile password(folder + "/password"_L1); // for the guest, at its first boot
-    const bool written = password.open(QIODevice::WriteOnly)
-                         && password.write(arguments["password"_L1].toString().toUtf8()) >= 0;
+    const Outcome key = co_await makeKey(u"tools"_s, folder);
+    QFile setup(folder + "/setup"_L1); // for the guest
+    const QString lines = "%1\n%2\n%3\n"_L1.arg(arguments["username"_L1].toString(),
+                                                arguments["password"_L1].toString(), name);
+    const bool written
+            = setup.open(QIODevice::WriteOnly) && setup.write(lines.toUtf8()) > 0 && setup.flush();
     const QString error = !room               ? "there is no room in "_L1 + place
                           : !made.succeeded() ? "making the disk failed: "_L1 + made.words()
-                          : !written          ? password.errorString()
+                          : !key.succeeded()  ? "making a key failed: "_L1 + key.words()
+                          : !written          ? setup.errorString()
                                               : QString();
     (*job)["state"_L1] = error.isEmpty() ? u"done"_s : u"failed"_s;
     if (error.isEmpty()) {
         (*job)["vmId"_L1] = folder;
         machines[folder] = std::make_shared<Machine>(folder, settingsOf(arguments, folder));
+        machines[folder]->smallLinux = arguments["image"_L1].toString(smallLinuxId) == smallLinuxId;
     } else {
         (*job)["error"_L1] = error;
         QDir(folder).removeRecursively();

@@ -7,8 +7,8 @@
 #include <QJsonArray>
 #include <QMap>
 
-const QString smallLinux = QStringLiteral("small-linux"); // the id of its image
-const QString guestToolsVersion = QStringLiteral("1.0"); // in Small Linux
+const QString smallLinuxId = u"small-linux"_s; // the id of its image
+const QString guestToolsVersion = u"1.0"_s; // which Small Linux has
 
 // The refusal if a machine's settings ask for something impossible, on this host or at all.
 std::optional<Answer> refuseHardware(const QJsonObject &settings);

@@ -66,10 +66,11 @@ function processes(program) {
       && [link(pid, 'cwd'), link(pid, 'exe')].some(path => path.startsWith(home)));
 }
 
-async function noMachineRuns() {
-  for (let n = 0; n < 1_500 && processes('qemu-system-x86_64').length > 0; ++n)
+async function nothingRuns() {
+  const all = () => ['orrery', 'qemu-system-x86_64'].flatMap(processes);
+  for (let n = 0; n < 1_500 && all().length > 0; ++n)
     await setTimeout(20);
-  assert.deepEqual(processes('qemu-system-x86_64'), []);
+  assert.deepEqual(all(), []);
 }
 
 const vms = async () => (await one.object('list_vms')).vms;
@@ -162,8 +163,9 @@ test('runs commands over SSH, and ends what takes too long with its children', a
   assert.equal((await one.object('provision_ssh', { id: demo })).user, 'demo');
   assert.deepEqual(await inGuest(demo, 'wc -l <typed; echo no >&2; exit 3'), [3, '1\n', 'no\n']);
   assert.deepEqual(await inGuest(demo, 'sudo -n id -u'), [0, '0\n', '']);
-  assert.equal(await inGuest(demo, 'sleep 5432 & sleep 5432', { commandTimeoutSeconds: 1 }), 'timed out');
-  assert.deepEqual(await inGuest(demo, 'ps | grep -c "[s]leep 5432"'), [1, '0\n', '']);
+  const long = 'nohup sleep 5431 >log 2>&1 </dev/null & sleep 5432 & sleep 5433';
+  assert.equal(await inGuest(demo, long, { commandTimeoutSeconds: 1 }), 'timed out');
+  assert.deepEqual(await inGuest(demo, 'ps | grep -o "[s]leep 543."'), [0, 'sleep 5431\n', '']);
 });
 
 test('suspends a machine, whose process ends, and finds it where it was', async () => {
@@ -185,6 +187,7 @@ test('refuses what the catalogue rules out, and says which kind of fault it is',
     ['wrong_state', 'suspend_resume_vm', { id: made }],
     ['wrong_state', 'send_input', { id: made, type: 'text', value: 'x' }],
     ['invalid_argument', 'send_input', { id: demo, type: 'text', value: 'ä' }],
+    ['invalid_argument', 'send_input', { id: demo, type: 'move', x: 720, y: 0 }],
     ['invalid_argument', 'resize_disk', { id: made, newGB: 8, confirm: true }],
     ['invalid_argument', 'create_vm', { os: 'linux', cpu: 1, ramGB: 1, diskGB: 8, network: 'nat', name: 'made' }],
     ['invalid_argument', 'wait_for_state', { id: demo, timeoutSeconds: 291 }],
@@ -229,18 +232,24 @@ test('tells that a machine was killed, starts it again and deletes it', async ()
   assert.ok((await one.object('wait_for_state', { id: made, target: 'stopped', timeoutSeconds: 60 })).reached);
   assert.match((await one.object('get_diagnostics', { id: made })).lastError, /killed/);
   assert.equal((await one.object('start_vm', { id: made })).state, 'running');
+  rmSync(join(made, 'screen')); // where no picture can be written, nothing pretends that it was read
+  mkdirSync(join(made, 'screen'));
+  for (const tool of ['capture_screen', 'read_console_text'])
+    assert.match((await one.call(tool, { id: made })).content[0].text, /^Orrery error \[failed\]: .* cannot write/);
   assert.equal((await one.object('stop_vm', { id: made, mode: 'force' })).state, 'stopped');
   await one.object('delete_vm', { id: made, confirm: true });
   assert.ok(!existsSync(made));
 });
 
-test('survives that the application is killed, and leaves nothing behind', async () => {
+test('survives that the application is killed, and leaves nothing behind however it ends', async () => {
   const { waiting } = await neverAnswered();
   process.kill(processes('orrery')[0], 'SIGKILL');
   assert.match((await waiting).content[0].text, /Orrery closed the connection/);
-  await noMachineRuns();
-  assert.deepEqual((await vms()).map(vm => vm.name), ['Demo Linux']);
-  await one.object('quit_app');
-  await noMachineRuns();
-  assert.deepEqual(readdirSync(temporary), []);
+  await nothingRuns();
+  for (const end of [() => process.kill(processes('orrery')[0], 'SIGINT'), () => one.object('quit_app')]) {
+    assert.deepEqual((await vms()).map(vm => vm.name), ['Demo Linux']);
+    await end();
+    await nothingRuns();
+    assert.deepEqual(readdirSync(temporary), []);
+  }
 });
