@@ -88,9 +88,10 @@ Later<bool> World::begin()
                                    "username"_L1, u"demo"_s, "password"_L1, u"demo"_s));
     while (runs(job))
         co_await pause(1);
+    if (machines.empty())
+        co_return false; // the job tells why
     jobs.clear(); // nobody asked for it
-    if (!machines.empty())
-        co_await machines.first()->boot();
+    co_await machines.first()->boot();
     co_return true;
 }
 
