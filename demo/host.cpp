@@ -3,11 +3,12 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QStandardPaths>
-#include <QStorageInfo>
 #include <QThread>
 #include <QTimer>
 
 #include <csignal>
+#include <filesystem>
+
 #include <sys/prctl.h>
 #include <unistd.h>
 
@@ -29,7 +30,14 @@ static int memoryGB(const QByteArray &name)
 int hostProcessors() { return std::max(1, QThread::idealThreadCount()); }
 int hostMemoryGB() { return std::max(1, memoryGB("MemTotal:") - 1); }
 int availableMemoryGB() { return memoryGB("MemAvailable:"); }
-qint64 freeDiskGB(const QString &folder) { return QStorageInfo(folder).bytesAvailable() >> 30; }
+
+// Not by QStorageInfo: Qt 6.4's finds nothing in a chroot whose root is no mount.
+qint64 freeDiskGB(const QString &folder)
+{
+    std::error_code error;
+    const auto space = std::filesystem::space(folder.toStdString(), error);
+    return error ? 0 : static_cast<qint64>(space.available >> 30);
+}
 
 QString guestFile(const QString &name)
 {

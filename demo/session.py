@@ -118,6 +118,9 @@ def play(client, folder):
     client.call("launch_app")
     machines = client.call("list_vms")["vms"]
     client.tell("<-", "; ".join(f"{each['name']} is {each['state']}" for each in machines))
+    if not machines:
+        client.call("list_jobs")
+        raise SystemExit("the first machine could not be made")
     vm = machines[0]["id"]
 
     step("The machine boots. The client waits for the text on its screen, then logs in by keys.")

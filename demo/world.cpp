@@ -84,8 +84,8 @@ Later<bool> World::begin()
                                    "username"_L1, u"demo"_s, "password"_L1, u"demo"_s));
     while (runs(job))
         co_await pause(1);
-    if (machines.empty()) // list_jobs tells why
-        co_return false;
+    if (machines.empty())
+        co_return false; // the job tells why
     jobs.clear(); // nobody asked for it
     co_await machines.first()->boot();
     co_return true;

@@ -85,13 +85,17 @@ void checkApplication(Report &report)
     }
     const QString found = texts.join(u"; "_s);
     const unsigned long foreign = pids.isEmpty() ? HostProcess::findForeignApp() : 0;
+    const uint user = QFileInfo(u"/proc/%1"_s.arg(foreign)).ownerId();
     report.judge(
             u"process"_s,
-            { { foreign != 0, Outcome::Warning,
-                u"Orrery does not run as you, %1, but as %2: %3."_s.arg(
-                        userText(getuid()),
-                        userText(QFileInfo(u"/proc/%1"_s.arg(foreign)).ownerId()),
+            { { foreign != 0 && user == getuid(), Outcome::Warning,
+                u"Orrery seems to run as you, but Linux hides what it executes: %1."_s.arg(
                         lookAt(foreign).text),
+                u"Start it in the client's group (without sg or newgrp), from a file that you may "
+                "read, and that has no capabilities of its own (setcap -r)."_s },
+              { foreign != 0, Outcome::Warning,
+                u"Orrery does not run as you, %1, but as %2: %3."_s.arg(
+                        userText(getuid()), userText(user), lookAt(foreign).text),
                 u"If that one is yours, start it and the client as the same user, neither with "
                 "sudo: a client reaches only its own user's Orrery."_s },
               { pids.isEmpty(), Outcome::Ok,

@@ -52,7 +52,8 @@ void judgeHolder(Report &report, const QLocalSocket &socket)
               { image.isEmpty(), Outcome::Fault,
                 u"The socket is held by %1, and what it runs cannot be read: not trusted."_s.arg(
                         process),
-                u"It may have ended just now: try again. Else end that process."_s },
+                u"It may have ended just now: try again. Else \"process\" above says why, or it is "
+                "no Orrery: end it."_s },
               { !QFileInfo::exists(image), Outcome::Fault,
                 held + u", a file that is gone: not trusted."_s,
                 u"It was updated or moved while it ran: start Orrery again."_s },

@@ -20,7 +20,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-enum class Owner { User, Others };
+enum class Sought { Ours, HiddenOurs, Others };
 
 QString appName() { return OrreryControl::exeName(u"orrery"_s); }
 
@@ -37,7 +37,7 @@ bool isHiddenNamesake(const QString &pid)
 
 // The first processes of the application in listing order, at most limit of them: looking at a
 // process can mean comparing files.
-QList<unsigned long> search(qsizetype limit, Owner owner)
+QList<unsigned long> search(qsizetype limit, Sought sought)
 {
     const QString app = HostProcess::appExe();
     const QString appPath = app.isEmpty() ? QString() : QFileInfo(app).canonicalFilePath();
@@ -56,10 +56,10 @@ QList<unsigned long> search(qsizetype limit, Owner owner)
         {
         };
         if (stat(("/proc/"_L1 + entry).toLocal8Bit().constData(), &status) != 0
-            || (status.st_uid == getuid()) != (owner == Owner::User))
+            || (status.st_uid == getuid()) == (sought == Sought::Others))
             continue;
-        if (OrreryControl::processImagePath(pid) == appPath
-            || (owner == Owner::Others && isHiddenNamesake(entry)))
+        if ((sought != Sought::HiddenOurs && OrreryControl::processImagePath(pid) == appPath)
+            || (sought != Sought::Ours && isHiddenNamesake(entry)))
             found += pid;
         if (found.size() == limit)
             break;
@@ -75,14 +75,18 @@ QString appExe() { return OrreryControl::siblingPath(appName()); }
 
 bool isApp(unsigned long pid) { return OrreryControl::isSiblingProcess(pid, appName()); }
 
-unsigned long findApp() { return search(1, Owner::User).value(0); }
+unsigned long findApp() { return search(1, Sought::Ours).value(0); }
 
 QList<unsigned long> findApps()
 {
-    return search(std::numeric_limits<qsizetype>::max(), Owner::User);
+    return search(std::numeric_limits<qsizetype>::max(), Sought::Ours);
 }
 
-unsigned long findForeignApp() { return search(1, Owner::Others).value(0); }
+unsigned long findForeignApp()
+{
+    const unsigned long hidden = search(1, Sought::HiddenOurs).value(0);
+    return hidden != 0 ? hidden : search(1, Sought::Others).value(0);
+}
 
 QString exeVersion([[maybe_unused]] const QString &path, const QString &key)
 {

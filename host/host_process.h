@@ -19,8 +19,10 @@ namespace HostProcess {
 // All of them, in that order.
 [[nodiscard]] QList<unsigned long> findApps();
 
-// A process of another user that executes that file or, if the kernel does not tell which file it
-// executes, has its name; 0 when there is none. For reports only: any process can have a name.
+// A process that findApp() does not count: one of this user's of which the kernel does not tell
+// which file it executes, but that has the file's name; else one of another user's that executes
+// the file, or has its name in the same way; 0 when there is none. For reports only: any process
+// can have a name.
 [[nodiscard]] unsigned long findForeignApp();
 
 // Whether a process, of any user, executes that file. False when nobody can tell.

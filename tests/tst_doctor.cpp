@@ -73,6 +73,9 @@ constexpr Situation situations[] {
       "(start $tmp ./orrery \"$nobody\"; kill $!; echo $! >pid; exec sleep 9) &"
       "until test -s pid && ! test -e /proc/$(cat pid)/exe; do sleep 0.01; done; rm $tmp/*",
       "", "", "", "ok      process", "setpriv --reuid 0" },
+    { "one in another group",
+      "start $tmp ./orrery 'env -u TSAN_OPTIONS setpriv --reuid 65534 --regid 1 --clear-groups'",
+      "", "", "holder", "hides what it executes", Nobody },
     { "a socket for nobody", "start $tmp ./orrery \"$nobody\"; chmod 0 $tmp/*", "", "",
       "holder status", "You may not connect", Nobody },
     { "Orrery in a container",

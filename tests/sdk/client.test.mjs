@@ -8,6 +8,7 @@ import { LoggingMessageNotificationSchema } from '@modelcontextprotocol/sdk/type
 import assert from 'node:assert/strict';
 import {
   copyFileSync, existsSync, mkdirSync, mkdtempSync, readdirSync, readlinkSync, rmSync, statSync, symlinkSync,
+  writeFileSync,
 } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { basename, join } from 'node:path';
@@ -17,12 +18,12 @@ import { setTimeout } from 'node:timers/promises';
 const home = mkdtempSync(join(tmpdir(), 'orrery-sdk-'));
 const temporary = join(home, 'tmp');
 
-async function connect(name) {
+async function connect(name, variables = { TMPDIR: temporary }) {
   const client = new Client({ name, version: '1' });
   const events = [];
   client.setNotificationHandler(LoggingMessageNotificationSchema, message => events.push(message.params));
   await client.connect(new StdioClientTransport({
-    command: join(home, 'orrery-mcp'), env: { ...process.env, TMPDIR: temporary },
+    command: join(home, 'orrery-mcp'), env: { ...process.env, ...variables },
   }));
   const call = (tool, args = {}, options = {}) =>
     client.callTool({ name: tool, arguments: args }, undefined, { timeout: 300_000, ...options });
@@ -252,4 +253,13 @@ test('survives that the application is killed, and leaves nothing behind however
     await nothingRuns();
     assert.deepEqual(readdirSync(temporary), []);
   }
+});
+
+test('tells why the first machine could not be made', async t => {
+  const folder = join(home, 'broken');
+  mkdirSync(folder);
+  writeFileSync(join(folder, 'qemu-img'), '#!/bin/sh\necho broken >&2\nexit 1\n', { mode: 0o755 });
+  const three = await connect('sdk-test-3', { TMPDIR: folder, PATH: `${folder}:${process.env.PATH}` });
+  t.after(() => three.client.close());
+  assert.deepEqual((await three.object('list_jobs')).jobs.map(job => job.error), ['making the disk failed: broken']);
 });
