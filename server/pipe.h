@@ -56,7 +56,7 @@ private:
     int nextId = 0; // id of the last request; never starts again, not even on a new connection
     bool foreignHolder = false;
     QString helloError;
-    std::optional<HostProcess::Handle> holder; // whom checkHolder() found in order
+    std::optional<HostProcess::Handle> holder; // whom checkHolder() approved
 };
 
 extern Pipe g_pipe;

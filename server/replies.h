@@ -21,7 +21,7 @@ void replyWithJson(const QJsonValue &id, QByteArrayView result);
 
 void replyError(const QJsonValue &id, int code, const QString &message);
 
-// Whether an answer to a message that came in so many bytes has room for its id, which comes back.
+// Whether an answer, which repeats the id, has room for that of a message of lineBytes bytes.
 [[nodiscard]] bool isAnswerable(const QJsonValue &id, qsizetype lineBytes);
 
 // Writes a JSON value as a string for a reader: objects and arrays indented, a string as itself,
@@ -32,7 +32,7 @@ void jsonText(JsonWriter &line, const QJsonValue &value, QLatin1StringView excep
 inline constexpr auto TooLongText = QLatin1StringView(
         "Orrery call failed: Orrery's answer makes a message of more than 512 MiB");
 
-// A tool result of one text block; where that makes too long a message, of the text instead.
+// A tool result of one text block; if that makes too long a message, one of the text instead.
 void replyToolText(const QJsonValue &id, const QString &text, bool isError,
                    const QString &instead = TooLongText);
 

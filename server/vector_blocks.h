@@ -1,5 +1,5 @@
-// Text looked at several characters at once. Compilers make vector code of these types at every
-// level of optimisation, which they do not reliably make of a loop.
+// For looking at several characters of text at once. Compilers turn these types into vector code at
+// every level of optimisation, which they do not reliably do with a loop.
 
 #pragma once
 
