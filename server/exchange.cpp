@@ -40,14 +40,14 @@ void putEvent(JsonWriter &lines, const QJsonObject &event)
 
 } // namespace
 
-void PipeLines::take(qint64 *idleMs)
+void PipeLines::take(qint64 *clientIdleMs)
 {
     qsizetype taken = 0; // bytes
     const auto passOn = [&] {
         if (events.isTooLong())
             refusal = u"Orrery sent an event that makes a message of more than 512 MiB"_s;
         else
-            writeMessage(events, idleMs);
+            writeMessage(events, clientIdleMs);
         events.clear();
     };
     while (refusal.isEmpty() && !events.isTooLong()

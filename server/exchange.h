@@ -28,8 +28,8 @@ public:
 
     // Works through what was received: passes events on to the client, and drops answers to other
     // requests. Stops at the answer, at a line that is refused, after as much as goes out in one
-    // write, or when no whole line is left. idleMs is that of writeMessage().
-    void take(qint64 *idleMs);
+    // write, or when no whole line is left. clientIdleMs: see writeMessage().
+    void take(qint64 *clientIdleMs);
 
     // Whether there may be a whole line left.
     bool mayHaveMore = true;

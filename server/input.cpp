@@ -60,9 +60,9 @@ std::optional<Message> parseLine(QByteArrayView line)
         const QJsonValue id = message->object.value("id"_L1);
         const QJsonValue method = message->object.value("method"_L1);
         const bool isCall = method == "tools/call"_L1
-                            && message->object.value("params"_L1)["name"_L1] != LongStringName;
+                            && message->object.value("params"_L1)["name"_L1] != Placeholder;
         if ((isCall || method == "ping"_L1)
-            && (id.isDouble() || (id.isString() && id != LongStringName)))
+            && (id.isDouble() || (id.isString() && id != Placeholder)))
             return message;
     }
     return isTooCostly(line) ? std::nullopt : parseMessage(line);

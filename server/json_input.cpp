@@ -86,10 +86,10 @@ qsizetype stringCost(qsizetype length, bool hasEscapes)
     return hasEscapes ? 2 * buffer : buffer;
 }
 
-// Whether there is a string that could read as LongStringName, also if it is spelt otherwise.
-bool maySayLongString(QByteArrayView text)
+// Whether there may be a string that reads as Placeholder, however it is spelt.
+bool maySayPlaceholder(QByteArrayView text)
 {
-    return text.contains('\\') || text.contains(QByteArrayView(LongStringName));
+    return text.contains('\\') || text.contains(QByteArrayView(Placeholder));
 }
 
 } // namespace
@@ -109,12 +109,12 @@ std::optional<Message> parseAroundLongString(QByteArrayView line)
     const QByteArrayView text = line.sliced(begin, end - begin);
     const QByteArrayView before = line.first(begin);
     const QByteArrayView after = line.sliced(end);
-    if (maySayLongString(before) || maySayLongString(after)
+    if (maySayPlaceholder(before) || maySayPlaceholder(after)
         || after.sliced(1).trimmed().startsWith(':') // a key
         || plainBytes(text) < text.size())
         return {};
     // This is JSON if, and only if, the line is; and only if these quotes are those of a string.
-    const QByteArray rest = before.toByteArray().append(LongStringName).append(after);
+    const QByteArray rest = before.toByteArray().append(Placeholder).append(after);
     std::optional<Message> message;
     if (!isTooCostly(rest) && (message = parseMessage(rest))) {
         message->longString = text;

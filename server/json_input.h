@@ -13,10 +13,9 @@ struct Message
 {
     QJsonObject object;
 
-    // A string of it that is most of the line, such as a picture: it goes on as it came, and is
-    // parsed and copied nowhere. It lies in the line, and the object has LongStringName in its
-    // place, where no other value of it is LongStringName. Each of its bytes stands for itself in a
-    // JSON string. Empty where no string stands apart.
+    // A string of it that is most of the line, such as a picture: it goes on as it came, without
+    // being parsed. It lies in the line; the object has Placeholder where it was, and nowhere else.
+    // Each of its bytes stands for itself in a JSON string. Empty where there is none.
     QByteArrayView longString;
 
     // Whether it came without escape sequences, by which alone a string can come to hold half a
@@ -26,7 +25,7 @@ struct Message
     qsizetype lineBytes = 0;
 };
 
-inline constexpr QLatin1StringView LongStringName { "<string>" };
+inline constexpr QLatin1StringView Placeholder { "<string>" };
 
 // The message of a line with a long string that stands apart; nothing where it must be parsed
 // whole. For messages in which nobody looks at that string, but to write it.

@@ -93,7 +93,7 @@ template <JsonWriter::Style style> constexpr QByteArrayView JsonWriter::quote()
 template <JsonWriter::Style style> void JsonWriter::quoted(QStringView text)
 {
     put(quote<style>());
-    if (!longString.isEmpty() && text == LongStringName)
+    if (!longString.isEmpty() && text == Placeholder)
         longStringAt = size;
     else
         escaped<style>(text);

@@ -30,7 +30,7 @@ public:
     void keepKeys(bool isWanted);
 
     // A string that is not copied: the caller keeps it until the text is sent. It is written once,
-    // in the place of the string that is LongStringName, see Message.
+    // in the place of the string that is Placeholder, see Message.
     void setLongString(QByteArrayView text) { longString = text; }
 
     // Text of this program's own: JSON, or a part of it.

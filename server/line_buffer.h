@@ -29,7 +29,7 @@ public:
     void releaseTaken()
     {
         // Only where most of it is to go: what is moved is then less than what goes.
-        if (bytes.size() > KeptBytes && begin > 0 && end - begin <= bytes.size() / 2)
+        if (bytes.size() > KeptBufferBytes && begin > 0 && end - begin <= bytes.size() / 2)
             shrink();
     }
 
@@ -37,7 +37,7 @@ public:
     void clear();
 
 private:
-    static constexpr qsizetype KeptBytes = 2 << 20; // a buffer of this size stays
+    static constexpr qsizetype KeptBufferBytes = 2 << 20; // a buffer of this size stays
 
     void shrink();
 

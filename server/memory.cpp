@@ -14,8 +14,8 @@ constexpr int MapFromBytes = 33 << 20;
 constexpr int TrimFromBytes = 16 << 20; // that are free at the end of an arena
 constexpr qsizetype SmallBufferBytes = 2 << 20;
 constexpr qsizetype LargeBufferBytes = 64 << 20;
-constexpr qsizetype ManyBytes = 256 << 10; // of messages, after which free memory is counted
-constexpr size_t KeptBytes = 32 << 20; // of it
+constexpr qsizetype ManyBytes = 256 << 10; // of messages, after which it is looked at
+constexpr size_t KeptFreeBytes = 32 << 20; // what is free beyond goes back
 
 } // namespace
 
@@ -49,6 +49,6 @@ void messageHandled(qsizetype bytes)
     if ((handled += bytes) < ManyBytes)
         return;
     handled = 0;
-    if (mallinfo2().fordblks > KeptBytes)
+    if (mallinfo2().fordblks > KeptFreeBytes)
         malloc_trim(0);
 }

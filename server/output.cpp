@@ -35,21 +35,21 @@ bool writeAll(QByteArrayView bytes)
 
 } // namespace
 
-void writeMessage(const JsonWriter &lines, qint64 *idleMs)
+void writeMessage(const JsonWriter &lines, qint64 *clientIdleMs)
 {
     const std::lock_guard lock(g_out);
     for (QByteArrayView bytes : lines.pieces()) {
         while (!bytes.isEmpty()) {
             // A pipe that has room takes so much at once (pipe(7)).
-            const qsizetype most = idleMs == nullptr ? bytes.size() : PIPE_BUF;
+            const qsizetype most = clientIdleMs == nullptr ? bytes.size() : PIPE_BUF;
             const QByteArrayView step = bytes.first(std::min(most, bytes.size()));
             QElapsedTimer timer;
-            if (idleMs != nullptr)
+            if (clientIdleMs != nullptr)
                 timer.start();
             if (!writeAll(step))
                 return;
-            if (idleMs != nullptr && timer.elapsed() >= Limits::WaitSliceMs)
-                *idleMs += timer.elapsed();
+            if (clientIdleMs != nullptr && timer.elapsed() >= Limits::ClientIdleMs)
+                *clientIdleMs += timer.elapsed();
             bytes = bytes.sliced(step.size());
         }
     }

@@ -7,6 +7,6 @@
 // Writes a whole message, or several, each a line with its line feed, and waits for a client that
 // is slow to take them. What cannot be written at all is dropped: the client is gone. Any thread.
 //
-// For callers with a time limit that a slow client must not use up, adds to *idleMs for how many
-// milliseconds the client took nothing, counting stretches of Limits::WaitSliceMs or more.
-void writeMessage(const JsonWriter &lines, qint64 *idleMs = nullptr);
+// For callers with a time limit that a slow client must not use up, adds to *clientIdleMs for how
+// many milliseconds the client took nothing, counting stretches of Limits::ClientIdleMs or more.
+void writeMessage(const JsonWriter &lines, qint64 *clientIdleMs = nullptr);

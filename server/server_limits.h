@@ -1,5 +1,4 @@
-// The server's limits: how long it waits for what, in milliseconds, and how large what it handles
-// may be, in bytes.
+// The server's limits: how long it waits, in milliseconds, and how large messages may be, in bytes.
 
 #pragma once
 
@@ -21,6 +20,7 @@ constexpr int CallMs = 5 * MinuteMs;
 constexpr int LongCallMs = 31 * MinuteMs;
 constexpr int WriteMs = 5 * SecondMs;
 constexpr int WaitSliceMs = 250; // how late a cancellation or a closed connection is noticed
+constexpr int ClientIdleMs = 250; // a shorter time in which the client takes nothing is not counted
 
 // Reaching the control pipe.
 constexpr int ConnectAttemptMs = 500;

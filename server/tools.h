@@ -1,5 +1,5 @@
-// Tool calls: the router, the tools that manage the application's process, and the relay of all
-// others. Main thread.
+// Tool calls: starting (also from an AppImage) and quitting the application, its status, and the
+// relay of all other tools, each with its time limit. Main thread.
 
 #pragma once
 
