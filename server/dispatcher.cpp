@@ -11,16 +11,13 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr auto FallbackProtocolVersion = "2024-11-05"_L1;
-
 void initialize(const QJsonValue &id, const QJsonObject &params)
 {
     static const QStringList supported { u"2024-11-05"_s, u"2025-03-26"_s, u"2025-06-18"_s };
     const QString requested = params["protocolVersion"_L1].toString();
     g_clientInfoName = params["clientInfo"_L1].toObject()["name"_L1].toString();
 
-    const QString fallback
-            = g_contract.value("protocolVersion"_L1).toString(FallbackProtocolVersion);
+    const QString fallback = g_contract.value("protocolVersion"_L1).toString(u"2024-11-05"_s);
     QJsonObject result {
         { u"protocolVersion"_s, supported.contains(requested) ? requested : fallback },
         { u"capabilities"_s,

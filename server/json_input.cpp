@@ -50,11 +50,16 @@ QByteArray withoutByteOrderMarks(QByteArrayView line)
 // How many bytes from the first on stand for themselves in a JSON string (RFC 8259, 7).
 qsizetype plainBytes(QByteArrayView text)
 {
-    const auto isPlain = [](auto c) { return (c >= ' ') & (c != '"') & (c != '\\'); };
+    constexpr qsizetype Stride = 4 * BlockBytes;
+    const auto isSpecial = [](auto c) { return (c < ' ') | (c == '"') | (c == '\\'); };
     qsizetype at = 0;
-    while (text.size() - at >= BlockBytes && !any(!isPlain(loadBlock<Bytes>(text.data() + at))))
-        at += BlockBytes;
-    while (at < text.size() && isPlain(static_cast<signed char>(text[at]))) // else beyond ASCII
+    for (Bytes special {}; text.size() - at >= Stride; at += Stride) {
+        for (qsizetype block = at; block < at + Stride; block += BlockBytes)
+            special |= isSpecial(loadBlock<Bytes>(text.data() + block));
+        if (any(special))
+            break;
+    }
+    while (at < text.size() && !isSpecial(static_cast<signed char>(text[at]))) // or beyond ASCII
         ++at;
     return at;
 }
@@ -84,6 +89,16 @@ qsizetype stringCost(qsizetype length, bool hasEscapes)
         return 2 * kept;
     const auto buffer = static_cast<qsizetype>(std::bit_ceil(static_cast<quint64>(kept)));
     return hasEscapes ? 2 * buffer : buffer;
+}
+
+// Whether a string may hold half a surrogate pair, which can come by a numbered escape alone.
+bool hasNumberedEscape(QByteArrayView text)
+{
+    for (qsizetype at = 0; (at = text.indexOf('\\', at)) >= 0; at += 2) {
+        if (at + 1 < text.size() && text[at + 1] == 'u')
+            return true;
+    }
+    return false;
 }
 
 // Whether there may be a string that reads as Placeholder, however it is spelt.
@@ -131,7 +146,7 @@ std::optional<Message> parseMessage(QByteArrayView line)
     const QJsonDocument document = QJsonDocument::fromJson(text);
     if (!document.isObject())
         return {};
-    return Message { document.object(), {}, !line.contains('\\'), line.size() };
+    return Message { document.object(), {}, !hasNumberedEscape(line), line.size() };
 }
 
 bool isTooCostly(QByteArrayView line)

@@ -18,7 +18,7 @@ struct Message
     // Each of its bytes stands for itself in a JSON string. Empty where there is none.
     QByteArrayView longString;
 
-    // Whether it came without escape sequences, by which alone a string can come to hold half a
+    // Whether it came without numbered escape sequences, so that no string of it holds half a
     // surrogate pair.
     bool hasPlainText = true;
 

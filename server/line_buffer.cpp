@@ -22,17 +22,11 @@ std::span<char> LineBuffer::space(qsizetype wanted)
 std::optional<QByteArrayView> LineBuffer::takeLine()
 {
     const QByteArrayView unread = rest();
-    if (unread.size() == searched)
+    const qsizetype length = unread.indexOf('\n', searched);
+    searched = length < 0 ? unread.size() : 0;
+    if (length < 0)
         return {};
-    const void *const lineFeed = std::memchr(unread.data() + searched, '\n',
-                                             static_cast<size_t>(unread.size() - searched));
-    if (lineFeed == nullptr) {
-        searched = unread.size();
-        return {};
-    }
-    const qsizetype length = static_cast<const char *>(lineFeed) - unread.data();
     begin += length + 1;
-    searched = 0;
     return unread.first(length);
 }
 
@@ -40,12 +34,4 @@ void LineBuffer::clear()
 {
     bytes = {};
     begin = end = searched = 0;
-}
-
-// To as many bytes as are unread.
-void LineBuffer::shrink()
-{
-    bytes = rest().toByteArray();
-    end = bytes.size();
-    begin = 0;
 }

@@ -28,9 +28,12 @@ public:
     // Gives back the memory of large lines that were taken, and keeps what is behind them.
     void releaseTaken()
     {
-        // Only where most of it is to go: what is moved is then less than what goes.
-        if (bytes.size() > KeptBufferBytes && begin > 0 && end - begin <= bytes.size() / 2)
-            shrink();
+        // Only where most of it is to go: what is copied is then less than what goes.
+        if (bytes.size() <= KeptBufferBytes || begin == 0 || end - begin > bytes.size() / 2)
+            return;
+        bytes = rest().toByteArray();
+        end = bytes.size();
+        begin = 0;
     }
 
     // Forgets everything, and gives the memory back.
@@ -38,8 +41,6 @@ public:
 
 private:
     static constexpr qsizetype KeptBufferBytes = 2 << 20; // a buffer of this size stays
-
-    void shrink();
 
     QByteArray bytes; // all of it is a place to write to; begin to end is what was read
     qsizetype begin = 0;

@@ -14,8 +14,8 @@ constexpr int MapFromBytes = 33 << 20;
 constexpr int TrimFromBytes = 16 << 20; // that are free at the end of an arena
 constexpr qsizetype SmallBufferBytes = 2 << 20;
 constexpr qsizetype LargeBufferBytes = 64 << 20;
-constexpr qsizetype ManyBytes = 256 << 10; // of messages, after which it is looked at
-constexpr size_t KeptFreeBytes = 32 << 20; // what is free beyond goes back
+constexpr qsizetype ManyBytes = 256 << 10; // of messages, after which it is seen what is free
+constexpr size_t KeptFreeBytes = 32 << 20; // beyond which it goes back
 
 } // namespace
 
