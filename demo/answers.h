@@ -3,15 +3,25 @@
 #pragma once
 
 #include <QJsonObject>
+#include <QTimer>
 
 #include <coroutine>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 
 using namespace Qt::StringLiterals; // which all files here write
 
-void resumeSoon(std::coroutine_handle<> waiter); // from the event loop
+// Acts after that many milliseconds, from the event loop.
+inline void after(int ms, const std::function<void()> &act)
+{
+    auto *timer = new QTimer;
+    timer->setSingleShot(true);
+    timer->callOnTimeout(act);
+    timer->callOnTimeout(timer, &QObject::deleteLater);
+    timer->start(ms);
+}
 
 // What an asynchronous function returns. It may be a coroutine: co_await waits for the value,
 // co_return sets it. Copies share the value; only one may be waited for at a time.
@@ -39,7 +49,7 @@ public:
             return;
         state->value = std::move(value);
         if (state->waiter)
-            resumeSoon(state->waiter);
+            after(0, state->waiter);
     }
 
     bool isSet() const { return state->value.has_value(); }
@@ -56,7 +66,12 @@ private:
     std::shared_ptr<State> state = std::make_shared<State>();
 };
 
-Later<bool> pause(int ms); // comes after that many milliseconds
+inline Later<bool> pause(int ms) // comes after that many milliseconds
+{
+    Later<bool> over;
+    after(ms, [over] { over.set(true); });
+    return over;
+}
 
 using Answer = QJsonObject; // with "result", or with "error"
 
