@@ -1,7 +1,5 @@
 #include "machine.h"
 
-#include <QScopedValueRollback>
-
 #include <unistd.h>
 
 namespace {
@@ -17,14 +15,6 @@ bool kvmWorks = access("/dev/kvm", R_OK | W_OK) == 0;
 Later<Outcome> Machine::diskTool(const QString &words) const
 {
     return run(u"qemu-img"_s, words.split(u' '), folder.path());
-}
-
-QJsonObject Machine::pick(std::initializer_list<QLatin1StringView> keys) const
-{
-    QJsonObject picked;
-    for (const auto &key : keys)
-        picked[key] = settings[key];
-    return picked;
 }
 
 void Machine::note(const QString &line)
@@ -80,11 +70,23 @@ QStringList Machine::arguments() const
 Later<QString> Machine::launch(const QStringList &more)
 {
     lastError.clear();
-    qemu = std::make_unique<Qemu>(
-            arguments() + more, folder.path(),
-            Qemu::Listener { [this](const QString &line) { heard(line); },
-                             [this](const QString &event) { happened(event); },
-                             [this](const QString &error) { ended(error); } });
+    const auto said = [this](const QString &line) {
+        note(line);
+        booted |= line == "Small Linux is ready"_L1;
+    };
+    const auto happened = [this](const QString &event) {
+        if (event != "RESET"_L1)
+            return;
+        booted = false;
+        note(u"the guest reboots"_s);
+    };
+    const auto ended = [this](const QString &error) {
+        qemu.release()->deleteLater();
+        lastError = error;
+        setState(stateAfterEnd);
+    };
+    qemu = std::make_unique<Qemu>(arguments() + more, folder.path(),
+                                  Qemu::Listener { said, happened, ended });
     const Later<QJsonObject> up = qemu->up; // which may go while it is waited for
     co_await up;
     co_return qemu ? QString() : lastError;
@@ -92,7 +94,6 @@ Later<QString> Machine::launch(const QStringList &more)
 
 Later<QString> Machine::boot()
 {
-    const QScopedValueRollback works(busy, true);
     booted = false;
     accelerated = kvmWorks;
     QString complaint = co_await launch();
@@ -109,7 +110,6 @@ Later<QString> Machine::boot()
 
 Later<QString> Machine::suspend()
 {
-    const QScopedValueRollback works(busy, true);
     qemu->command(u"stop"_s);
     const QJsonObject answer = co_await qemu->monitor(u"savevm suspended"_s);
     const QString complaint
@@ -125,7 +125,6 @@ Later<QString> Machine::suspend()
 
 Later<QString> Machine::resume()
 {
-    const QScopedValueRollback works(busy, true);
     const QString complaint = co_await launch(u"-loadvm suspended"_s.split(u' '));
     if (!complaint.isEmpty())
         co_return complaint;
@@ -139,31 +138,9 @@ Later<QString> Machine::resume()
 
 Later<QString> Machine::dropMemory()
 {
-    const QScopedValueRollback works(busy, true);
     const Outcome dropped = co_await diskTool(u"snapshot -q -d suspended disk.qcow2"_s);
     stateAfterEnd = "stopped"_L1;
     if (dropped.succeeded())
         setState("stopped"_L1);
     co_return dropped.words();
-}
-
-void Machine::heard(const QString &line)
-{
-    note(line);
-    booted |= line == "Small Linux is ready"_L1;
-}
-
-void Machine::happened(const QString &event)
-{
-    if (event != "RESET"_L1)
-        return;
-    booted = false;
-    note(u"the guest reboots"_s);
-}
-
-void Machine::ended(const QString &error)
-{
-    qemu.release()->deleteLater();
-    lastError = error;
-    setState(stateAfterEnd);
 }

@@ -21,10 +21,7 @@ public:
     bool flag(QLatin1StringView key) const { return settings[key].toBool(); }
     bool is(QLatin1StringView state) const { return text("state"_L1) == state; }
 
-    // The settings of these names, for a tool's answer.
-    QJsonObject pick(std::initializer_list<QLatin1StringView> keys) const;
-
-    // These return what went wrong, or nothing. Meanwhile the machine is busy, and has to stay.
+    // These return what went wrong, or nothing. Meanwhile the machine has to be busy, and to stay.
     Later<QString> boot(); // from stopped
     Later<QString> suspend(); // running: its memory goes into the disk's file
     Later<QString> resume(); // suspended
@@ -43,15 +40,12 @@ public:
     QString sshUser; // whom provision_ssh chose
     bool booted = false; // Small Linux has reported so since then
     bool accelerated = false; // by the host's processor, not emulated
-    bool busy = false;
+    bool busy = false; // with a call that no other may meet
     bool screenIsRead = false; // right now, which takes several commands
 
 private:
     Later<QString> launch(const QStringList &more = {});
     QStringList arguments() const;
-    void heard(const QString &line);
-    void happened(const QString &event);
-    void ended(const QString &error);
     void setState(QLatin1StringView state);
     void note(const QString &line);
 

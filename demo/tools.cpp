@@ -1,5 +1,7 @@
 #include "tools.h"
 
+#include <QScopedValueRollback>
+
 namespace {
 
 // What the demonstration does without, and why.
@@ -51,12 +53,6 @@ std::optional<Answer> refuse(const QString &needs, const Call &call)
 
 } // namespace
 
-QHash<QString, std::pair<QString, Tool::Run>> &Tool::all()
-{
-    static QHash<QString, std::pair<QString, Run>> tools;
-    return tools;
-}
-
 Later<Answer> Tool::carryOut(QString name, Call &call)
 {
     if (const auto refusal = refuseArguments(name, call.arguments))
@@ -65,16 +61,17 @@ Later<Answer> Tool::carryOut(QString name, Call &call)
         if ((*job)["jobId"_L1] == call.text("jobId"_L1))
             call.job = job;
     }
-    call.machine = call.world.machines.value(call.text("id"_L1));
-    while (call.machine && call.machine->busy)
-        co_await pause(LookMs);
-    call.machine = call.world.machines.value(call.text("id"_L1)); // it may be gone meanwhile
-    const auto [needs, run] = all().value(name);
+    while ((call.machine = call.world.machines.value(call.text("id"_L1))) && call.machine->busy)
+        co_await pause(LookMs); // looked up again, because it may go meanwhile
+    const auto [needs, run] = all.value(name);
     if (const auto refusal = refuse(needs, call))
         co_return *refusal;
     for (const auto &[names, why] : refusedTools) {
         if (names.split(u' ').contains(name))
             co_return unavailable(why);
     }
+    if (!needs.contains("alone"_L1))
+        co_return co_await run(call);
+    const QScopedValueRollback works(call.machine->busy, true);
     co_return co_await run(call);
 }

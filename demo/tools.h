@@ -28,17 +28,18 @@ class Tool
 public:
     using Run = Reply (*)(const Call &call);
 
-    // Its name, and words for what must be true of the machine and the arguments.
+    // Its name, and words for what must be true of the machine and the arguments; "alone" keeps
+    // other calls away from the machine meanwhile.
     Tool(const char *name, const char *needs, Run run)
     {
-        all()[QString::fromLatin1(name)] = { QString::fromLatin1(needs), run };
+        all[QString::fromLatin1(name)] = { QString::fromLatin1(needs), run };
     }
 
     // Carries out a call, after checking its arguments and what the tool needs.
     static Later<Answer> carryOut(QString name, Call &call);
 
 private:
-    static QHash<QString, std::pair<QString, Run>> &all();
+    static inline QHash<QString, std::pair<QString, Run>> all; // by their names
 };
 
 // How often, in milliseconds, a tool checks whether what it waits for has come.

@@ -52,7 +52,7 @@ const Tool apply("apply_guest_tools", "running installed booted", [](const Call 
     if (!tried.succeeded())
         co_return silentGuest(tried);
     call.machine->settings["guestTools"_L1] = guestToolsVersion;
-    co_return ok(call.machine->pick({ "id"_L1, "guestTools"_L1 }));
+    co_return ok("id"_L1, call.text("id"_L1), "guestTools"_L1, guestToolsVersion);
 });
 
 QJsonObject sshSettings(const Machine &machine)

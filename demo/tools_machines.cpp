@@ -16,7 +16,8 @@ constexpr int MaxLogLines = 200;
 const Tool listVms("list_vms", "", [](const Call &call) -> Reply {
     QJsonArray vms;
     for (const MachinePtr &machine : call.world.machines)
-        vms << machine->pick({ "id"_L1, "name"_L1, "os"_L1, "state"_L1 });
+        vms << object("id"_L1, machine->text("id"_L1), "name"_L1, machine->text("name"_L1), "os"_L1,
+                      machine->text("os"_L1), "state"_L1, machine->text("state"_L1));
     return ok("vms"_L1, vms);
 });
 
@@ -27,11 +28,12 @@ const Tool getVm("get_vm", "", [](const Call &call) -> Reply {
 
 Answer stateOf(const Machine &machine, const QString &complaint = {})
 {
-    return complaint.isEmpty() ? ok(machine.pick({ "id"_L1, "state"_L1 }))
-                               : fail(u"failed"_s, complaint);
+    return complaint.isEmpty()
+                   ? ok("id"_L1, machine.text("id"_L1), "state"_L1, machine.text("state"_L1))
+                   : fail(u"failed"_s, complaint);
 }
 
-const Tool startVm("start_vm", "unsuspended", [](const Call &call) -> Reply {
+const Tool startVm("start_vm", "alone unsuspended", [](const Call &call) -> Reply {
     const auto refusal = call.world.refuseStart(*call.machine);
     if (call.machine->is("running"_L1))
         co_return stateOf(*call.machine);
@@ -43,8 +45,10 @@ const Tool startVm("start_vm", "unsuspended", [](const Call &call) -> Reply {
 const Tool stopVm("stop_vm", "", [](const Call &call) -> Reply {
     Machine &machine = *call.machine;
     const bool force = call.text("mode"_L1) == "force"_L1;
-    if (machine.is("suspended"_L1) && force)
+    if (machine.is("suspended"_L1) && force) {
+        const QScopedValueRollback works(machine.busy, true);
         co_return stateOf(machine, co_await machine.dropMemory());
+    }
     if (machine.is("suspended"_L1))
         co_return wrongState(u"the VM is suspended; only mode:force stops it"_s);
     if (machine.qemu && force)
@@ -62,7 +66,7 @@ const Tool stopVm("stop_vm", "", [](const Call &call) -> Reply {
     co_return stateOf(machine, machine.qemu ? running : QString());
 });
 
-const Tool suspendResumeVm("suspend_resume_vm", "unstopped", [](const Call &call) -> Reply {
+const Tool suspendResumeVm("suspend_resume_vm", "alone unstopped", [](const Call &call) -> Reply {
     if (!call.machine->is("suspended"_L1))
         co_return stateOf(*call.machine, co_await call.machine->suspend());
     if (const auto refusal = call.world.refuseStart(*call.machine))
@@ -133,16 +137,15 @@ const Tool setHardware("set_hardware", "stopped", [](const Call &call) -> Reply 
     return ok(call.machine->settings);
 });
 
-const Tool resizeDisk("resize_disk", "stopped confirm", [](const Call &call) -> Reply {
+const Tool resizeDisk("resize_disk", "alone stopped confirm", [](const Call &call) -> Reply {
     const int size = call.arguments["newGB"_L1].toInt();
     if (size <= call.machine->settings["diskGB"_L1].toInt())
         co_return wrong(u"a disk can only grow"_s);
-    const QScopedValueRollback works(call.machine->busy, true);
     const Outcome grown = co_await call.machine->diskTool(u"resize -q disk.qcow2 %1G"_s.arg(size));
     if (!grown.succeeded())
         co_return fail(u"failed"_s, grown.words());
     call.machine->settings["diskGB"_L1] = size;
-    co_return ok(call.machine->pick({ "id"_L1, "diskGB"_L1 }));
+    co_return ok("id"_L1, call.text("id"_L1), "diskGB"_L1, size);
 });
 
 const Tool setInstallerMedia("set_installer_media", "stopped", [](const Call &call) -> Reply {
@@ -153,9 +156,8 @@ const Tool setInstallerMedia("set_installer_media", "stopped", [](const Call &ca
     return ok(call.machine->settings);
 });
 
-const Tool finishInstall("finish_install", "stopped", [](const Call &call) -> Reply {
+const Tool finishInstall("finish_install", "alone stopped", [](const Call &call) -> Reply {
     QJsonObject &settings = call.machine->settings;
-    const QScopedValueRollback works(call.machine->busy, true);
     // Small Linux makes no boot sector.
     co_await call.machine->diskTool(u"dd -f qcow2 -O raw bs=512 count=1 if=disk.qcow2 of=sector"_s);
     if (contents(call.machine->folder.filePath(u"sector"_s)).endsWith("\x55\xaa"))
