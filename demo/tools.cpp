@@ -1,6 +1,12 @@
 #include "tools.h"
 
+#include "host.h"
+
+#include <QJsonDocument>
+#include <QRegularExpression>
 #include <QScopedValueRollback>
+
+#include <algorithm>
 
 namespace {
 
@@ -17,6 +23,76 @@ const std::pair<QString, QString> refusedTools[] {
     { u"list_restore_images"_s, u"this host cannot run macOS"_s },
     { u"app_status launch_app quit_app"_s, u"the server itself answers this"_s },
 };
+
+// What the catalogue's prose says of the numbers: a name, the least and the most, first of any
+// other.
+QStringList rangesOf(const QString &tool)
+{
+    const QString prose = u"other -1e9 1e9 cpu 1 %1 ramGB 1 %2 diskGB 8 2048 newGB 8 2048 "
+                          "width 320 7680 height 200 4320 scale 0.1 1 imageScale 0.1 1 "
+                          "dy -100 100 delayMs 0 5000 captureDelayMs 0 10000 maxChars 1 100000 "
+                          "sinceSeconds 1 1e9 connectTimeoutSeconds 1 60 "
+                          "commandTimeoutSeconds 1 280 timeoutSeconds 1 %3"_s;
+    const int longest = tool == "job_wait"_L1 ? 1800 : 290;
+    return prose.arg(hostProcessors()).arg(hostMemoryGB()).arg(longest).split(u' ');
+}
+
+// What is wrong with a value, by its schema and its range; an empty text is nothing.
+QString complaintOf(const QString &tool, const QString &name, const QJsonValue &value,
+                    const QJsonValue &schema)
+{
+    static const QStringList types = u"null boolean number string array object"_s.split(u' ');
+    const QString type = schema["type"_L1].toString();
+    const bool whole = value.toInteger(0) == value.toInteger(1);
+    if (type != types.value(value.type()) && !(type == "integer"_L1 && whole))
+        return u"%1 must be of type %2"_s.arg(name, type);
+    const QJsonArray accepted = schema["enum"_L1].toArray();
+    if (!accepted.isEmpty() && !accepted.contains(value))
+        return u"%1 has no value %2"_s.arg(name, value.toString());
+    const QStringList ranges = rangesOf(tool);
+    const QStringList range = ranges.mid(std::max<qsizetype>(0, ranges.indexOf(name)), 3);
+    if (value.isDouble()
+        && (value.toDouble() < range[1].toDouble() || value.toDouble() > range[2].toDouble()))
+        return u"%1 must be %2 to %3"_s.arg(name, range[1], range[2]);
+    QString complaint;
+    const QJsonArray elements = value.toArray();
+    for (auto it = elements.begin(); it != elements.end() && complaint.isEmpty(); ++it)
+        complaint = complaintOf(tool, "an element of "_L1 + name, *it, schema["items"_L1]);
+    const QJsonObject members = value.toObject();
+    const QJsonArray required = schema["required"_L1].toArray();
+    for (const QJsonValue &needed : required) {
+        if (!members.contains(needed.toString()))
+            complaint = needed.toString() + " is required"_L1;
+    }
+    for (auto it = members.begin(); it != members.end() && complaint.isEmpty(); ++it) {
+        const QJsonValue known = schema["properties"_L1][it.key()];
+        complaint = known.isUndefined() ? "there is no argument "_L1 + it.key()
+                                        : complaintOf(tool, it.key(), *it, known);
+    }
+    return complaint;
+}
+
+// The refusal of a call of an unknown tool, or with arguments outside the catalogue's schemas or
+// the ranges in its prose. The tool itself checks what one argument asks of another.
+std::optional<Answer> refuseArguments(const QString &name, const QJsonObject &arguments)
+{
+    static const QJsonDocument catalogue
+            = QJsonDocument::fromJson(contents(u":/demo/contract.json"_s));
+    const QJsonArray tools = catalogue["tools"_L1].toArray();
+    const auto tool = std::find_if(tools.begin(), tools.end(), [&name](const QJsonValue &one) {
+        return one["name"_L1] == name;
+    });
+    if (tool == tools.end())
+        return fail(u"unknown_method"_s, "there is no method "_L1 + name);
+    const QString complaint = complaintOf(name, u"params"_s, arguments, (*tool)["inputSchema"_L1]);
+    if (!complaint.isEmpty())
+        return wrong(complaint);
+    for (const auto &pattern : { "pattern"_L1, "grep"_L1 }) {
+        if (!QRegularExpression(arguments[pattern].toString()).isValid())
+            return wrong(pattern + " is not a regular expression"_L1);
+    }
+    return {};
+}
 
 std::optional<Answer> refuse(const QString &needs, const Call &call)
 {

@@ -45,10 +45,6 @@ private:
 // How often, in milliseconds, a tool checks whether what it waits for has come.
 constexpr int LookMs = 50;
 
-// The answer to a call of an unknown tool, or with arguments outside the catalogue's schemas or the
-// ranges in its prose. The tool itself checks what one argument asks of another.
-std::optional<Answer> refuseArguments(const QString &tool, const QJsonObject &arguments);
-
 // The screen as it is now, null where there is none; keeps the size in its settings.
 Later<QImage> takePicture(MachinePtr machine);
 
