@@ -66,6 +66,8 @@ private:
     std::shared_ptr<State> state = std::make_shared<State>();
 };
 
+constexpr int LookMs = 30; // between looks at what is waited for
+
 inline Later<bool> pause(int ms) // comes after that many milliseconds
 {
     Later<bool> over;

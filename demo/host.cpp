@@ -97,6 +97,11 @@ Later<Outcome> run(const QString &program, const QStringList &arguments, const Q
     co_return outcome;
 }
 
+Later<Outcome> diskTool(const QString &words, const QString &folder)
+{
+    return run(u"qemu-img"_s, words.split(u' '), folder);
+}
+
 Later<Outcome> makeKey(const QString &name, const QString &folder)
 {
     const QStringList words = u"-q -t ed25519 -C orrery -f %1 -N"_s.arg(name).split(u' ');

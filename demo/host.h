@@ -36,5 +36,8 @@ struct Outcome
 Later<Outcome> run(const QString &program, const QStringList &arguments, const QString &folder,
                    int limitMs = 60'000);
 
+// Runs qemu-img in a folder, with arguments that blanks separate.
+Later<Outcome> diskTool(const QString &words, const QString &folder);
+
 // Makes a pair of keys for SSH, the files of that name and with ".pub" in the folder.
 Later<Outcome> makeKey(const QString &name, const QString &folder);

@@ -5,17 +5,11 @@
 namespace {
 
 constexpr size_t MaxLogLines = 2'000;
-constexpr int PollMs = 20;
 
 // Whether KVM is worth a try: it may be there and still not work, which only a start tells.
 bool kvmWorks = access("/dev/kvm", R_OK | W_OK) == 0;
 
 } // namespace
-
-Later<Outcome> Machine::diskTool(const QString &words) const
-{
-    return run(u"qemu-img"_s, words.split(u' '), folder.path());
-}
 
 void Machine::note(const QString &line)
 {
@@ -70,25 +64,23 @@ QStringList Machine::arguments() const
 Later<QString> Machine::launch(const QStringList &more)
 {
     lastError.clear();
-    const auto said = [this](const QString &line) {
+    qemu = std::make_unique<Qemu>(arguments() + more, folder.path());
+    qemu->said = [this](const QString &line) {
         note(line);
         booted |= line == "Small Linux is ready"_L1;
     };
-    const auto happened = [this](const QString &event) {
+    qemu->happened = [this](const QString &event) {
         if (event != "RESET"_L1)
             return;
         booted = false;
         note(u"the guest reboots"_s);
     };
-    const auto ended = [this](const QString &error) {
+    qemu->ended = [this](const QString &error) {
         qemu.release()->deleteLater();
         lastError = error;
         setState(stateAfterEnd);
     };
-    qemu = std::make_unique<Qemu>(arguments() + more, folder.path(),
-                                  Qemu::Listener { said, happened, ended });
-    const Later<QJsonObject> up = qemu->up; // which may go while it is waited for
-    co_await up;
+    co_await qemu->command(u"qmp_capabilities"_s); // answered once the processors can be started
     co_return qemu ? QString() : lastError;
 }
 
@@ -119,7 +111,7 @@ Later<QString> Machine::suspend()
     if (qemu)
         qemu->command(complaint.isEmpty() ? u"quit"_s : u"cont"_s);
     while (qemu && complaint.isEmpty())
-        co_await pause(PollMs);
+        co_await pause(LookMs);
     co_return complaint.trimmed();
 }
 
@@ -138,7 +130,8 @@ Later<QString> Machine::resume()
 
 Later<QString> Machine::dropMemory()
 {
-    const Outcome dropped = co_await diskTool(u"snapshot -q -d suspended disk.qcow2"_s);
+    const Outcome dropped
+            = co_await diskTool(u"snapshot -q -d suspended disk.qcow2"_s, folder.path());
     stateAfterEnd = "stopped"_L1;
     if (dropped.succeeded())
         setState("stopped"_L1);

@@ -27,9 +27,6 @@ public:
     Later<QString> resume(); // suspended
     Later<QString> dropMemory(); // suspended, then stopped
 
-    // Runs qemu-img in the folder, with arguments that blanks separate.
-    Later<Outcome> diskTool(const QString &words) const;
-
     QDir folder;
     QJsonObject settings;
     std::list<std::pair<QDateTime, QString>> log; // oldest first

@@ -120,11 +120,10 @@ private:
     } };
 };
 
-int signalled[2]; // a pipe into the event loop
-
 // Ctrl-C and the like end the application as quit does, which leaves nothing behind.
 void quitOnSignals()
 {
+    static int signalled[2]; // a pipe into the event loop
     if (pipe2(signalled, O_CLOEXEC) != 0)
         return;
     auto *came = new QSocketNotifier(signalled[0], QSocketNotifier::Read, qApp);

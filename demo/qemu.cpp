@@ -6,8 +6,7 @@ constexpr qsizetype MaxLine = 1'000; // of what the guest says
 constexpr int LaunchMs = 60'000;
 constexpr int QuitMs = 3'000;
 
-Qemu::Qemu(const QStringList &arguments, const QString &folder, Listener callbacks)
-    : listener(std::move(callbacks))
+Qemu::Qemu(const QStringList &arguments, const QString &folder)
 {
     connect(&process, &QProcess::readyReadStandardOutput, this, &Qemu::readMonitor);
     connect(&process, &QProcess::readyReadStandardError, this,
@@ -20,7 +19,6 @@ Qemu::Qemu(const QStringList &arguments, const QString &folder, Listener callbac
     process.setWorkingDirectory(folder);
     const QStringList lines = u"-qmp stdio -serial file:/dev/stderr"_s.split(u' ');
     startBound(process, u"qemu-system-x86_64"_s, arguments + lines);
-    up = command(u"qmp_capabilities"_s);
     connect(&hangs, &QTimer::timeout, &process, &QProcess::kill);
     hangs.start(LaunchMs);
 }
@@ -58,7 +56,7 @@ void Qemu::readMonitor()
         const QJsonObject message = QJsonDocument::fromJson(process.readLine()).object();
         waiting.take(message["id"_L1].toInteger()).set(message);
         if (message.contains("event"_L1))
-            listener.happened(message["event"_L1].toString());
+            happened(message["event"_L1].toString());
     }
 }
 
@@ -68,7 +66,7 @@ void Qemu::readLines(const QByteArray &more)
     unfinished = lines.last().right(MaxLine);
     for (const QByteArray &line : lines.first(lines.size() - 1)) {
         const QString text = QString::fromUtf8(line.left(MaxLine)).trimmed();
-        listener.said(text);
+        said(text);
         if (text.startsWith("qemu-system"_L1))
             lastWords = text;
     }
@@ -82,5 +80,5 @@ void Qemu::end()
     if (process.error() == QProcess::FailedToStart)
         lastWords = process.errorString();
     const bool normal = process.error() == QProcess::UnknownError && process.exitCode() == 0;
-    listener.ended(normal ? QString() : lastWords);
+    ended(normal ? QString() : lastWords);
 }

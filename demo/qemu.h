@@ -12,15 +12,9 @@
 class Qemu : public QObject
 {
 public:
-    struct Listener
-    {
-        std::function<void(const QString &line)> said; // on the serial line, or by QEMU itself
-        std::function<void(const QString &event)> happened; // of QMP
-        std::function<void(const QString &error)> ended; // its last words, or nothing
-    };
-
-    // Starts it in a folder, and adds to the arguments what its lines need.
-    Qemu(const QStringList &arguments, const QString &folder, Listener listener);
+    // Starts it in a folder, and adds to the arguments what its lines need. It calls the functions
+    // below from the event loop, so set them next.
+    Qemu(const QStringList &arguments, const QString &folder);
     ~Qemu() override;
 
     // A QMP command; the answer has "return" or "error", the latter also once QEMU has ended.
@@ -32,8 +26,9 @@ public:
     // Ends it: politely, and if that does not help, by force.
     void cutPower();
 
-    // The first answer, which comes once the machine is made and its processors can be started.
-    Later<QJsonObject> up;
+    std::function<void(const QString &line)> said; // on the serial line, or by QEMU itself
+    std::function<void(const QString &event)> happened; // of QMP
+    std::function<void(const QString &error)> ended; // its last words, or nothing
 
 private:
     void readMonitor();
@@ -42,7 +37,6 @@ private:
 
     QProcess process;
     QTimer hangs; // times out unless it says something soon
-    Listener listener;
     QHash<qint64, Later<QJsonObject>> waiting; // for an answer
     qint64 lastId = 0;
     QByteArray unfinished; // line

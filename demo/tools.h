@@ -42,9 +42,6 @@ private:
     static inline QHash<QString, std::pair<QString, Run>> all; // by their names
 };
 
-// How often, in milliseconds, a tool checks whether what it waits for has come.
-constexpr int LookMs = 50;
-
 // The screen as it is now, null where there is none; keeps the size in its settings.
 Later<QImage> takePicture(MachinePtr machine);
 

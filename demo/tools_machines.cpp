@@ -10,7 +10,7 @@
 namespace {
 
 constexpr int ShutdownMs = 45'000;
-constexpr int AskAgainMs = 5'000; // a guest that boots does not hear its power button
+constexpr int LooksPerQuestion = 160; // a guest that boots does not hear its power button
 constexpr int MaxLogLines = 200;
 
 const Tool listVms("list_vms", "", [](const Call &call) -> Reply {
@@ -54,12 +54,9 @@ const Tool stopVm("stop_vm", "", [](const Call &call) -> Reply {
     if (machine.qemu && force)
         machine.qemu->cutPower();
     const Later<bool> timeUp = pause(ShutdownMs);
-    Later<bool> askAgain = true;
-    while (machine.qemu && !timeUp.isSet() && call.wanted()) {
-        if (askAgain.isSet() && !force) {
+    for (int look = 0; machine.qemu && !timeUp.isSet() && call.wanted(); ++look) {
+        if (look % LooksPerQuestion == 0 && !force)
             machine.qemu->command(u"system_powerdown"_s);
-            askAgain = pause(AskAgainMs);
-        }
         co_await pause(LookMs);
     }
     const QString running = u"the guest has not shut down yet (wait_for_state)"_s;
@@ -141,7 +138,8 @@ const Tool resizeDisk("resize_disk", "alone stopped confirm", [](const Call &cal
     const int size = call.arguments["newGB"_L1].toInt();
     if (size <= call.machine->settings["diskGB"_L1].toInt())
         co_return wrong(u"a disk can only grow"_s);
-    const Outcome grown = co_await call.machine->diskTool(u"resize -q disk.qcow2 %1G"_s.arg(size));
+    const Outcome grown = co_await diskTool(u"resize -q disk.qcow2 %1G"_s.arg(size),
+                                            call.machine->folder.path());
     if (!grown.succeeded())
         co_return fail(u"failed"_s, grown.words());
     call.machine->settings["diskGB"_L1] = size;
@@ -159,7 +157,8 @@ const Tool setInstallerMedia("set_installer_media", "stopped", [](const Call &ca
 const Tool finishInstall("finish_install", "alone stopped", [](const Call &call) -> Reply {
     QJsonObject &settings = call.machine->settings;
     // Small Linux makes no boot sector.
-    co_await call.machine->diskTool(u"dd -f qcow2 -O raw bs=512 count=1 if=disk.qcow2 of=sector"_s);
+    co_await diskTool(u"dd -f qcow2 -O raw bs=512 count=1 if=disk.qcow2 of=sector"_s,
+                      call.machine->folder.path());
     if (contents(call.machine->folder.filePath(u"sector"_s)).endsWith("\x55\xaa"))
         call.machine->smallLinux = false;
     settings["guestTools"_L1]

@@ -12,7 +12,6 @@ namespace {
 constexpr QSize TextMode(720, 400); // of 80 columns; text mode alone has it
 constexpr int Columns = 80;
 constexpr qsizetype TextBytes = 0x8000;
-constexpr int PollMs = 20;
 constexpr int ReadAgainMs = 300;
 constexpr QStringView Glyphs // of VGA's font, by their codes
         = u" ☺☻♥♦♣♠•◘○◙♂♀♪♫☼►◄↕‼¶§▬↨↑↓→←∟↔▲▼ !\"#$%&'()*+,-./0123456789:;<=>?@ABCDEFGHIJKLMNOPQRST"
@@ -60,7 +59,7 @@ Later<Text> readText(MachinePtr machine)
 {
     const QImage picture = co_await takePicture(machine);
     while (machine->screenIsRead)
-        co_await pause(PollMs);
+        co_await pause(LookMs);
     if (picture.isNull() || !machine->qemu)
         co_return Text { {}, noPicture(*machine) };
     if (picture.size() != TextMode)
@@ -127,7 +126,7 @@ const Tool waitForText("wait_for_text", "running", [](const Call &call) -> Reply
 Later<QImage> takePicture(MachinePtr machine)
 {
     while (machine->screenIsRead)
-        co_await pause(PollMs);
+        co_await pause(LookMs);
     const QScopedValueRollback reads(machine->screenIsRead, true);
     if (!machine->qemu)
         co_return {};

@@ -143,9 +143,8 @@ Later<QString> World::create(JobPtr job, QJsonObject arguments)
     advance(job, 10, u"checking the host"_s);
     const bool room = freeDiskGB(place) >= LeastFreeGB && QDir().mkdir(folder);
     advance(job, 40, u"making the disk"_s);
-    const QString words = u"create -q -f qcow2 disk.qcow2 %1G"_s;
-    const QStringList disk = words.arg(arguments["diskGB"_L1].toInt()).split(u' ');
-    const Outcome made = co_await run(u"qemu-img"_s, disk, folder);
+    const QString disk = u"create -q -f qcow2 disk.qcow2 %1G"_s;
+    const Outcome made = co_await diskTool(disk.arg(arguments["diskGB"_L1].toInt()), folder);
     advance(job, 80, u"setting up the system"_s);
     const Outcome key = co_await makeKey(u"tools"_s, folder);
     QFile setup(folder + "/setup"_L1); // for the guest
