@@ -35,7 +35,7 @@ class Client:
         self.last_id = 0
 
     def tell(self, mark, text):
-        print(f"{time.monotonic() - self.started:6.2f} s {mark} {text}", flush=True)
+        print(f"{time.monotonic() - self.started:6.2f} s {mark} {text}")
 
     def send(self, method, params, notification=False):
         message = {"jsonrpc": "2.0", "method": method, "params": params}
@@ -55,10 +55,6 @@ class Client:
                 signal.alarm(0)
                 return message["result"]
         raise SystemExit("the server has ended")
-
-    def request(self, method, params):
-        self.send(method, params)
-        return self.answer()
 
     def start_call(self, tool, **arguments):
         self.tell("->", f"{tool} {words(arguments)}")
@@ -84,11 +80,8 @@ class Client:
             self.server.communicate(timeout=PATIENCE_SECONDS)
 
 
-def step(text):
-    print(f"\n== {text}", flush=True)
-
-
 def main(folder):
+    sys.stdout.reconfigure(line_buffering=True)
     for ending in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(ending, lambda number, _: sys.exit(128 + number))
     signal.signal(signal.SIGALRM, lambda *_: sys.exit(f"no answer within {PATIENCE_SECONDS} s"))
@@ -107,14 +100,16 @@ def main(folder):
 
 
 def play(client, folder):
-    step("A client, the program that an AI works through, connects to the server: what can it do?")
-    client.request("initialize", {"protocolVersion": "2025-06-18", "capabilities": {},
-                                  "clientInfo": {"name": "demo", "version": "1"}})
+    print("\n== A client, the program that an AI works through, connects to the server: what can it do?")
+    client.send("initialize", {"protocolVersion": "2025-06-18", "capabilities": {},
+                               "clientInfo": {"name": "demo", "version": "1"}})
+    client.answer()
     client.send("notifications/initialized", {}, notification=True)
-    tools = [tool["name"] for tool in client.request("tools/list", {})["tools"]]
+    client.send("tools/list", {})
+    tools = [tool["name"] for tool in client.answer()["tools"]]
     client.tell("<-", f"it offers {len(tools)} tools: {', '.join(tools[:6])}, ...")
 
-    step("The application does not run yet. The server starts it; a machine starts with it.")
+    print("\n== The application does not run yet. The server starts it; a machine starts with it.")
     client.call("launch_app")
     machines = client.call("list_vms")["vms"]
     client.tell("<-", "; ".join(f"{each['name']} is {each['state']}" for each in machines))
@@ -123,7 +118,7 @@ def play(client, folder):
         raise SystemExit("the first machine could not be made")
     vm = machines[0]["id"]
 
-    step("The machine boots. The client waits for the text on its screen, then logs in by keys.")
+    print("\n== The machine boots. The client waits for the text on its screen, then logs in by keys.")
     for wanted, keys in [("login: *$", "demo\n"), ("^Password:", "demo\n"),
                          (r"\$ *$", "clear; uname -sr; echo $((6 * 7))\n"), ("^42$", ""),
                          (r"\$ *$", "")]:
@@ -131,34 +126,34 @@ def play(client, folder):
         if keys:
             client.call("send_input", id=vm, type="text", value=keys)
 
-    step("What its screen shows now, as text and as a picture.")
+    print("\n== What its screen shows now, as text and as a picture.")
     text = client.call("read_console_text", id=vm)["text"]
     client.tell("<-", text.replace("\n", "\n            "))
     path = folder / "screen.png"
     path.write_bytes(base64.b64decode(client.call("capture_screen", id=vm)["data"]))
     print(f"            The picture is in {path}.")
 
-    step("A command without keys and screen, over SSH; it ends with the exit code 3.")
+    print("\n== A command without keys and screen, over SSH; it ends with the exit code 3.")
     client.call("provision_ssh", id=vm)
     client.call("run_in_guest", id=vm, command="whoami; ls /nowhere; exit 3")
 
-    step("The machine is suspended, its memory kept on the disk, and goes on where it was.")
+    print("\n== The machine is suspended, its memory kept on the disk, and goes on where it was.")
     client.call("suspend_resume_vm", id=vm)
     client.call("suspend_resume_vm", id=vm)
     client.call("wait_for_text", id=vm, pattern="^42$")
 
-    step("A second machine is made. What is done meanwhile arrives as events.")
+    print("\n== A second machine is made. What is done meanwhile arrives as events.")
     second = client.call("create_vm", os="linux", name="Second", cpu=1, ramGB=1, diskGB=8, network="nat",
                          unattended=True, username="ada", password="lovelace")["id"]
     client.call("start_vm", id=second)
 
-    step("The client waits for something that never comes, and cancels that after a second.")
+    print("\n== The client waits for something that never comes, and cancels that after a second.")
     client.start_call("wait_for_text", id=vm, pattern="never shown", timeoutSeconds=45)
     time.sleep(1)
     client.send("notifications/cancelled", {"requestId": client.last_id}, notification=True)
     client.tell("<-", client.answer()["content"][0]["text"])
 
-    step("The application is ended, its machines with it, and the server with its input.")
+    print("\n== The application is ended, its machines with it, and the server with its input.")
     client.call("quit_app")
     client.server.stdin.close()
     print(f"            The server ended with status {client.server.wait(PATIENCE_SECONDS)}")
