@@ -61,7 +61,16 @@ public:
     // Serves once the first machine is there, or ends the program.
     Later<bool> serve()
     {
-        QObject::connect(&server, &QLocalServer::newConnection, &server, [this] { accept(); });
+        QObject::connect(&server, &QLocalServer::newConnection, &server, [this] {
+            while (QLocalSocket *client = server.nextPendingConnection()) {
+                QObject::connect(client, &QLocalSocket::disconnected, client,
+                                 &QObject::deleteLater);
+                QObject::connect(client, &QLocalSocket::readyRead, client, [this, client] {
+                    while (client->canReadLine())
+                        answer(client, QJsonDocument::fromJson(client->readLine()).object());
+                });
+            }
+        });
         co_await pause(0); // until the event loop runs, which may have to end
         tell(missingOnHost());
         QString complaint = obstacle(lock);
@@ -81,17 +90,6 @@ public:
     }
 
 private:
-    void accept()
-    {
-        while (QLocalSocket *client = server.nextPendingConnection()) {
-            QObject::connect(client, &QLocalSocket::disconnected, client, &QObject::deleteLater);
-            QObject::connect(client, &QLocalSocket::readyRead, client, [this, client] {
-                while (client->canReadLine())
-                    answer(client, QJsonDocument::fromJson(client->readLine()).object());
-            });
-        }
-    }
-
     // A call stays until its tool has ended, also when nobody waits for the answer any more.
     Later<bool> answer(QPointer<QLocalSocket> client, QJsonObject request)
     {

@@ -124,19 +124,18 @@ const Tool guestNetwork("guest_network", "running tools booted", [](const Call &
 const Tool runInGuest("run_in_guest", "running ssh", [](const Call &call) -> Reply {
     static int lastNumber = 0;
     const MachinePtr machine = call.machine;
-    const QJsonObject &arguments = call.arguments;
-    if (arguments["host"_L1].toString(guestAddress) != guestAddress)
+    if (call.arguments["host"_L1].toString(guestAddress) != guestAddress)
         co_return wrong(u"the guest has only the address %1"_s.arg(guestAddress));
     const int wholeMs = call.number("timeoutSeconds"_L1, 290) * 1'000;
     const int connectMs = std::min(call.number("connectTimeoutSeconds"_L1, 10) * 1'000, wholeMs);
     const int commandMs = std::min(call.number("commandTimeoutSeconds"_L1, 35) * 1'000, wholeMs);
     const Later<bool> wholeUp = pause(wholeMs);
-    const QString user = arguments["user"_L1].toString(machine->sshUser);
+    const QString user = call.arguments["user"_L1].toString(machine->sshUser);
     const Outcome tried = co_await ssh(machine, u"key"_s, user, u"true"_s, connectMs);
     if (!tried.succeeded())
         co_return fail(u"unreachable"_s, "no connection to the guest: "_L1 + tried.words());
 
-    const bool interactive = arguments["interactive"_L1].toBool();
+    const bool interactive = call.flag("interactive"_L1);
     const QString number = QString::number(++lastNumber);
     const QString command = u"exec env ORRERY_RUN=%1 sh %2 %3"_s.arg(
             number, interactive ? u"-lc"_s : u"-c"_s, quoted(call.text("command"_L1)));

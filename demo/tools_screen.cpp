@@ -48,24 +48,17 @@ Answer noPicture(const Machine &machine)
                                     : wrongState("the VM is now "_L1 + machine.text("state"_L1));
 }
 
-struct Text
-{
-    QStringList lines; // without blanks at their ends, and blank ones at the end
-    Answer refusal; // empty when they are what the screen shows
-};
-
-// What the screen shows in VGA's text mode, exactly.
-Later<Text> readText(MachinePtr machine)
+// The lines that the screen shows in VGA's text mode, exactly, without blanks at their ends and
+// blank ones at the end; or the refusal.
+Later<std::pair<QStringList, Answer>> readText(MachinePtr machine)
 {
     const QImage picture = co_await takePicture(machine);
     while (machine->screenIsRead)
         co_await pause(LookMs);
     if (picture.isNull() || !machine->qemu)
-        co_return Text { {}, noPicture(*machine) };
+        co_return { {}, noPicture(*machine) };
     if (picture.size() != TextMode)
-        co_return Text {
-            {}, unavailable(u"the screen is graphical; look at it with capture_screen"_s)
-        };
+        co_return { {}, unavailable(u"the screen is graphical; look at it with capture_screen"_s) };
     const QScopedValueRollback reads(machine->screenIsRead, true);
     Qemu &qemu = *machine->qemu;
     // The registers of the CRT controller are read through its index, which is the guest's: the
@@ -86,8 +79,8 @@ Later<Text> readText(MachinePtr machine)
     co_await saved;
     const QByteArray memory = contents(machine->folder.filePath(u"text"_s));
     if (memory.size() < TextBytes)
-        co_return Text { {}, noPicture(*machine) };
-    co_return Text { linesOf(memory, start, rows), {} };
+        co_return { {}, noPicture(*machine) };
+    co_return { linesOf(memory, start, rows), {} };
 }
 
 const Tool captureScreen("capture_screen", "running", [](const Call &call) -> Reply {
@@ -96,10 +89,10 @@ const Tool captureScreen("capture_screen", "running", [](const Call &call) -> Re
 });
 
 const Tool readConsoleText("read_console_text", "running", [](const Call &call) -> Reply {
-    const Text text = co_await readText(call.machine);
-    if (!text.refusal.isEmpty())
-        co_return text.refusal;
-    const QStringList lines = text.lines.filter(QRegularExpression(call.text("pattern"_L1)));
+    const auto [all, refusal] = co_await readText(call.machine);
+    if (!refusal.isEmpty())
+        co_return refusal;
+    const QStringList lines = all.filter(QRegularExpression(call.text("pattern"_L1)));
     co_return ok("text"_L1, lines.join(u'\n'), "lines"_L1, lines.size());
 });
 
@@ -108,12 +101,12 @@ const Tool waitForText("wait_for_text", "running", [](const Call &call) -> Reply
     const Later<bool> timeUp = pause(call.number("timeoutSeconds"_L1, 45) * 1'000);
     while (call.wanted()) {
         const bool last = timeUp.isSet();
-        const Text text = co_await readText(call.machine);
-        const QStringList found = text.lines.filter(pattern);
+        const auto [lines, refusal] = co_await readText(call.machine);
+        const QStringList found = lines.filter(pattern);
         if (!found.isEmpty())
             co_return ok("found"_L1, true, "line"_L1, found[0]);
-        if (!text.refusal.isEmpty() && (last || !call.machine->is("running"_L1)))
-            co_return text.refusal;
+        if (!refusal.isEmpty() && (last || !call.machine->is("running"_L1)))
+            co_return refusal;
         if (last)
             co_return ok("found"_L1, false, "line"_L1, QJsonValue());
         co_await pause(ReadAgainMs);
