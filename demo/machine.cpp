@@ -38,7 +38,9 @@ QStringList Machine::arguments() const
     // Small Linux has no drivers but virtio's; other systems surely have one for these.
     const QString devices = small ? u"-device virtio-blk-pci,drive=disk "
                                     "-device virtio-net-pci,netdev=net,romfile= "
-                                    "-device virtio-tablet-pci -device virtio-keyboard-pci"_s
+                                    "-device virtio-tablet-pci -device virtio-keyboard-pci "
+                                    "-fw_cfg name=opt/demo/setup,file=setup "
+                                    "-fw_cfg name=opt/demo/key,file=tools.pub"_s
                                   : u"-device ide-hd,drive=disk -device e1000,netdev=net,romfile= "
                                     "-usb -device usb-tablet"_s;
     QStringList all = (words.arg(accelerated ? u"kvm"_s : u"tcg,thread=multi"_s)
@@ -51,12 +53,10 @@ QStringList Machine::arguments() const
             << u"if=none,id=cd,media=cdrom,readonly=on,format=raw,file="_s
                         + media.replace(u","_s, u",,"_s);
     if (small)
-        all << u"-fw_cfg name=opt/demo/setup,file=setup -fw_cfg name=opt/demo/key,file=tools.pub"_s
-                        .split(u' ')
-            << u"-kernel"_s << guestFile(u"kernel"_s) << u"-initrd"_s << guestFile(u"initrd"_s)
+        all << u"-kernel"_s << guestFile(u"kernel"_s) << u"-initrd"_s << guestFile(u"initrd"_s)
             << u"-append"_s
-            << u"console=ttyS0 console=tty0 no-scroll "_s
-                        + (media.isEmpty() ? QString() : u"installer"_s);
+            << u"console=ttyS0 console=tty0 no-scroll"_s
+                        + (media.isEmpty() ? QString() : u" installer"_s);
     return all;
 }
 

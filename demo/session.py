@@ -4,6 +4,7 @@ usage: session.py FOLDER, where FOLDER holds orrery-mcp, orrery and guest/
 """
 
 import base64
+import contextlib
 import json
 import os
 import pathlib
@@ -72,7 +73,7 @@ class Client:
             self.tell("<-", words(members))
         return members | (picture[0] if picture else {})
 
-    def stop(self):
+    def close(self):
         """Ends what still runs: a call, the application, the server."""
         if self.server.poll() is None:
             self.send("notifications/cancelled", {"requestId": self.last_id}, notification=True)
@@ -92,11 +93,8 @@ def main(folder):
         for program in ("orrery-mcp", "orrery"):
             shutil.copy(folder / program, own)
         (pathlib.Path(own) / "guest").symlink_to((folder / "guest").resolve())
-        client = Client(pathlib.Path(own), temporary)
-        try:
+        with contextlib.closing(Client(pathlib.Path(own), temporary)) as client:
             play(client, folder)
-        finally:
-            client.stop()
 
 
 def play(client, folder):

@@ -236,17 +236,16 @@ const Tool setInstallerMedia("set_installer_media", "stopped", [](const Call &ca
 });
 
 const Tool finishInstall("finish_install", "alone stopped", [](const Call &call) -> Reply {
-    QJsonObject &settings = call.machine->settings;
+    Machine &machine = *call.machine;
+    QJsonObject &settings = machine.settings;
     // Small Linux makes no boot sector.
     co_await diskTool(u"dd -f qcow2 -O raw bs=512 count=1 if=disk.qcow2 of=sector"_s,
-                      call.machine->folder.path());
-    if (contents(call.machine->folder.filePath(u"sector"_s)).endsWith("\x55\xaa"))
-        call.machine->smallLinux = false;
-    settings["guestTools"_L1]
-            = call.machine->smallLinux ? QJsonValue(guestToolsVersion) : QJsonValue();
+                      machine.folder.path());
+    machine.smallLinux &= !contents(machine.folder.filePath(u"sector"_s)).endsWith("\x55\xaa");
+    settings["guestTools"_L1] = machine.smallLinux ? QJsonValue(guestToolsVersion) : QJsonValue();
     settings["installed"_L1] = true;
     settings["installerMedia"_L1] = QJsonValue::Null;
-    co_return ok(call.machine->settings);
+    co_return ok(settings);
 });
 
 const Tool hostCapabilities("host_capabilities", "", [](const Call &call) -> Reply {
