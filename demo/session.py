@@ -98,7 +98,7 @@ def main(folder):
 
 
 def play(client, folder):
-    print("\n== A client, the program that an AI works through, connects to the server: what can it do?")
+    print("\n== A client, the program that an AI works through, connects to the server.")
     client.send("initialize", {"protocolVersion": "2025-06-18", "capabilities": {},
                                "clientInfo": {"name": "demo", "version": "1"}})
     client.answer()
@@ -116,7 +116,7 @@ def play(client, folder):
         raise SystemExit("the first machine could not be made")
     vm = machines[0]["id"]
 
-    print("\n== The machine boots. The client waits for the text on its screen, then logs in by keys.")
+    print("\n== The machine boots. The client waits for text on its screen, then logs in by keys.")
     for wanted, keys in [("login: *$", "demo\n"), ("^Password:", "demo\n"),
                          (r"\$ *$", "clear; uname -sr; echo $((6 * 7))\n"), ("^42$", ""),
                          (r"\$ *$", "")]:

@@ -24,8 +24,7 @@ const std::pair<QString, QString> refusedTools[] {
     { u"app_status launch_app quit_app"_s, u"the server itself answers this"_s },
 };
 
-// What the catalogue's prose says of the numbers: a name, the least and the most, first of any
-// other.
+// The catalogue's prose on numbers: a name, the least and the most; the first are of all others.
 QStringList rangesOf(const QString &tool)
 {
     const QString prose = u"other -1e9 1e9 cpu 1 %1 ramGB 1 %2 diskGB 8 2048 newGB 8 2048 "
