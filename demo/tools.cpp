@@ -27,7 +27,7 @@ const std::pair<QString, QString> refusedTools[] {
 // The catalogue's prose on numbers: a name, the least and the most; the first are of all others.
 QStringList rangesOf(const QString &tool)
 {
-    const QString prose = u"other -1e9 1e9 cpu 1 %1 ramGB 1 %2 diskGB 8 2048 newGB 8 2048 "
+    const QString prose = u"other -1e8 1e8 cpu 1 %1 ramGB 1 %2 diskGB 8 2048 newGB 8 2048 "
                           "width 320 7680 height 200 4320 scale 0.1 1 imageScale 0.1 1 "
                           "dy -100 100 delayMs 0 5000 captureDelayMs 0 10000 maxChars 1 100000 "
                           "sinceSeconds 1 1e9 connectTimeoutSeconds 1 60 "
