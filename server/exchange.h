@@ -53,9 +53,8 @@ private:
 class Exchange
 {
 public:
-    // request is a line, which stands until run() has ended. buffer holds what came on the
-    // connection before, and keeps what comes behind the answer. peer is the process at the other
-    // end.
+    // request is a line, which stands until run() has ended. peer is the process at the other end.
+    // buffer holds what came on the connection before, and keeps what comes behind the answer.
     Exchange(QLocalSocket &pipe, const HostProcess::Handle &peer, LineBuffer &buffer,
              const JsonWriter &request, int requestId);
 

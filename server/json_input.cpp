@@ -47,34 +47,37 @@ QByteArray withoutByteOrderMarks(QByteArrayView line)
     return text.append(line.sliced(at));
 }
 
-// How many bytes from the first on stand for themselves in a JSON string (RFC 8259, 7).
-qsizetype plainBytes(QByteArrayView text)
+// Whether each byte stands for itself in a JSON string (RFC 8259, 7). Quotes are not looked for.
+bool isPlain(QByteArrayView text)
 {
-    constexpr qsizetype Stride = 4 * BlockBytes;
-    const auto isSpecial = [](auto c) { return (c < ' ') | (c == '"') | (c == '\\'); };
+    const auto isSpecial = [](auto c) { return (c < ' ') | (c == '\\'); }; // or beyond ASCII
+    Bytes special {};
     qsizetype at = 0;
-    for (Bytes special {}; text.size() - at >= Stride; at += Stride) {
-        for (qsizetype block = at; block < at + Stride; block += BlockBytes)
-            special |= isSpecial(loadBlock<Bytes>(text.data() + block));
-        if (any(special))
-            break;
-    }
-    while (at < text.size() && !isSpecial(static_cast<signed char>(text[at]))) // or beyond ASCII
-        ++at;
-    return at;
+    for (; at + BlockBytes <= text.size(); at += BlockBytes)
+        special |= isSpecial(loadBlock<Bytes>(text.data() + at));
+    return !any(special) && std::none_of(text.begin() + at, text.end(), [&](signed char c) {
+        return isSpecial(c);
+    });
 }
 
 // Behind the string whose first byte is at *at, and whether it has escape sequences.
 bool skipString(QByteArrayView line, qsizetype *at)
 {
     bool hasEscapes = false;
-    while ((*at += plainBytes(line.sliced(*at))) < line.size()) {
+    while (*at < line.size()) {
+        if (line.size() - *at >= BlockBytes) {
+            const auto block = loadBlock<Bytes>(line.data() + *at);
+            if (!any((block == '"') | (block == '\\'))) {
+                *at += BlockBytes;
+                continue;
+            }
+        }
         const char c = line[(*at)++];
         if (c == '"')
             break;
         if (c == '\\') {
             hasEscapes = true;
-            *at = std::min(*at + 1, line.size());
+            ++*at;
         }
     }
     return hasEscapes;
@@ -126,7 +129,7 @@ std::optional<Message> parseAroundLongString(QByteArrayView line)
     const QByteArrayView after = line.sliced(end);
     if (maySayPlaceholder(before) || maySayPlaceholder(after)
         || after.sliced(1).trimmed().startsWith(':') // a key
-        || plainBytes(text) < text.size())
+        || !isPlain(text))
         return {};
     // This is JSON if, and only if, the line is; and only if these quotes are those of a string.
     const QByteArray rest = before.toByteArray().append(Placeholder).append(after);

@@ -51,9 +51,8 @@ void JsonWriter::string(QStringView text) { quoted<Style::Compact>(text); }
 
 void JsonWriter::integer(qint64 value)
 {
-    constexpr qsizetype MostDigits = 20; // with the sign
-    char *const out = room(MostDigits);
-    size += std::to_chars(out, out + MostDigits, value).ptr - out;
+    char *const out = room(20); // digits at most, with the sign
+    size += std::to_chars(out, out + 20, value).ptr - out;
 }
 
 bool JsonWriter::isTooLong() const

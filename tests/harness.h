@@ -28,7 +28,8 @@ constexpr bool Sanitized = true;
 constexpr bool Sanitized = false;
 #endif
 
-constexpr int PatienceMs = 60'000; // for what comes in milliseconds unless something is broken
+// For what comes in milliseconds unless something is broken; half a gigabyte takes a sanitizer longer.
+constexpr int PatienceMs = Sanitized ? 300'000 : 60'000;
 
 inline QByteArray compact(const QJsonObject &object)
 {
