@@ -28,7 +28,7 @@ constexpr bool Sanitized = true;
 constexpr bool Sanitized = false;
 #endif
 
-// For what comes in milliseconds unless something is broken; half a gigabyte takes a sanitizer longer.
+// For what comes in milliseconds unless something is broken, or a sanitizer has half a gigabyte.
 constexpr int PatienceMs = Sanitized ? 300'000 : 60'000;
 
 inline QByteArray compact(const QJsonObject &object)
