@@ -9,8 +9,7 @@
 
 namespace {
 
-// Larger blocks are mapped by malloc, each time anew.
-constexpr int MapFromBytes = 33 << 20;
+constexpr int MapFromBytes = 33 << 20; // by malloc, each time anew
 constexpr int TrimFromBytes = 16 << 20; // that are free at the end of an arena
 constexpr qsizetype SmallBufferBytes = 2 << 20;
 constexpr qsizetype LargeBufferBytes = 64 << 20;
@@ -23,12 +22,12 @@ void setUpMemory()
 {
     mallopt(M_MMAP_THRESHOLD, MapFromBytes);
     mallopt(M_TRIM_THRESHOLD, TrimFromBytes);
-    mallopt(M_MXFAST, 0); // so that small blocks are joined, and an arena's end can be given back
+    mallopt(M_MXFAST, 0); // small blocks are joined as they are freed: a million hold up a ping
 }
 
 // A small buffer grows to twice what is needed, so that it is copied few times. A large one is
-// mapped: only what is used of it takes memory, which is cheap to get in pages of 2 MiB instead of
-// 4 KiB (madvise(2)) and goes back as soon as it is freed.
+// mapped: only what is used of it takes memory, in pages of 2 MiB instead of 4 KiB (madvise(2)),
+// and it goes back as soon as it is freed. What is free elsewhere goes back before: no peak has it.
 void growBuffer(QByteArray &buffer, qsizetype needed)
 {
     const bool isLarge = needed > SmallBufferBytes;
@@ -37,6 +36,7 @@ void growBuffer(QByteArray &buffer, qsizetype needed)
     buffer.resize(capacity);
     if (!isLarge)
         return;
+    malloc_trim(0);
     const auto page = static_cast<quintptr>(sysconf(_SC_PAGESIZE));
     char *const mapped = buffer.data() - reinterpret_cast<quintptr>(buffer.data()) % page;
     madvise(mapped, static_cast<size_t>(capacity), MADV_HUGEPAGE);

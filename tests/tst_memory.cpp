@@ -14,6 +14,13 @@ QByteArray sendFile(const QByteArray &before, const QString &file, const QByteAr
     return sendStep(before, ',' + step + ',' + sendStep(after).sliced(1).chopped(1));
 }
 
+// Steps that answer with a string of that many bytes.
+QByteArray sendLongString(int bytes)
+{
+    return "[{\"send\":\"{\\\"id\\\":$id,\\\"result\\\":\\\"\"},{\"fill\":"
+           + QByteArray::number(bytes) + "},{\"send\":\"\\\"}\\n\"}]";
+}
+
 // Those for which nothing is read from a disk.
 qint64 pageFaults(const Server &server)
 {
@@ -125,10 +132,7 @@ private Q_SLOTS:
                                         + "1]}\n{\"method\":\"e\"}\n")))
                     + '\n');
         row("a long string",
-            toolCall(1, u"get_vm"_s,
-                     withSteps("[{\"send\":\"{\\\"id\\\":$id,\\\"result\\\":\\\"\"},"
-                               "{\"fill\":50000000},{\"send\":\"\\\"}\\n\"}]"))
-                    + '\n');
+            toolCall(1, u"get_vm"_s, withSteps(sendLongString(50'000'000))) + '\n');
         // Notifications, which are not answered.
         row("a queue",
             toolCall(1, u"get_vm"_s,
@@ -158,6 +162,28 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(server.residentBytes() < before + 40'000'000, PatienceMs);
     }
 
+    // What many queued calls left free does not add to the peak.
+    void makesRoomForALargeMessage()
+    {
+        if (Sanitized)
+            QSKIP("the sanitizers keep freed memory, so that they see it used");
+        const Installation home;
+        const Application app(home);
+        Server server(home);
+        const auto peakKiB = [&] {
+            const QByteArray status = server.proc(u"status"_s);
+            return status.sliced(status.indexOf("VmHWM:") + 6).simplified().split(' ')[0].toInt();
+        };
+        QVERIFY(!isError(server.call(u"get_vm"_s)));
+        const int before = peakKiB();
+        constexpr int Calls = 14'000;
+        server.process.write((toolCall(1, u"get_vm"_s) + '\n').repeated(Calls));
+        for (int i = 0; i < Calls; ++i)
+            QVERIFY(!server.line().isEmpty());
+        QVERIFY(!isError(server.callSteps(sendLongString(16'000'000))));
+        QVERIFY2(peakKiB() < before + 26'000, qPrintable(QString::number(peakKiB() - before)));
+    }
+
     void keepsMemoryWhileLargeAnswersCome()
     {
         if (Sanitized)
@@ -177,8 +203,7 @@ private Q_SLOTS:
         QVERIFY2(fewest < 300, qPrintable(QString::number(fewest)));
     }
 
-    // In the best of three rounds, for the machine may be busy, after one that finds no memory to
-    // give back.
+    // In all rounds but one: the machine may be busy.
     void answersPingsWhileItHandlesALargeAnswer()
     {
         if (Sanitized)
@@ -187,8 +212,8 @@ private Q_SLOTS:
         const Application app(home);
         Server server(home);
         home.write(u"rows"_s, QByteArray(R"({"a":"b"},)").repeated(1'500'000));
-        double best = 1; // of the longest wait for a ping, as a share of its round
-        for (int round = 0; round < 4; ++round) {
+        std::vector<double> waits; // the longest for a ping in each round, as a share of it
+        for (int round = 0; round < 5; ++round) {
             QElapsedTimer whole;
             whole.start();
             server.send(toolCall(1, u"get_vm"_s,
@@ -205,10 +230,10 @@ private Q_SLOTS:
                     line = server.line();
                 QCOMPARE(line, R"({"id":2,"jsonrpc":"2.0","result":{}})");
             }
-            if (round > 0)
-                best = std::min(best, double(worst) / double(whole.elapsed()));
+            waits.push_back(double(worst) / double(whole.elapsed()));
         }
-        QVERIFY2(best <= 0.04, qPrintable(QString::number(best)));
+        std::sort(waits.begin(), waits.end());
+        QVERIFY2(waits[3] <= 0.08, qPrintable(QString::number(waits[3])));
     }
 
     // However many events an application sends between two calls.
