@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     queue.append({});
     while (const std::optional<Request> request = queue.take())
-        handle(request->message);
+        handle(*request);
 
     // As many answers as lines that are a request or no message at all.
     qsizetype expected = 0;

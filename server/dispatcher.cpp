@@ -49,21 +49,18 @@ void listTools(const QJsonValue &id)
 
 } // namespace
 
-void handle(const Message &request)
+void handle(const Request &request)
 {
     // A message without an id is a notification: nobody could learn what became of it, so nothing
     // is carried out and nothing is answered.
-    const QJsonValue id = request.object["id"_L1];
-    if (id.isUndefined())
+    if (request.id.isUndefined())
         return;
-    const QString method = request.object["method"_L1].toString();
-    const QJsonObject params = request.object["params"_L1].toObject();
-    if (method == "initialize"_L1)
-        initialize(id, params);
-    else if (method == "tools/list"_L1)
-        listTools(id);
-    else if (method == "tools/call"_L1)
-        toolsCall(id, params, request.longString);
+    if (request.method == "initialize"_L1)
+        initialize(request.id, request.params);
+    else if (request.method == "tools/list"_L1)
+        listTools(request.id);
+    else if (request.method == "tools/call"_L1)
+        toolsCall(request.id, request.params, request.longString);
     else
-        replyError(id, MethodNotFound, u"Method not found: "_s + method);
+        replyError(request.id, MethodNotFound, u"Method not found: "_s + request.method);
 }

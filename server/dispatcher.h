@@ -2,7 +2,7 @@
 
 #pragma once
 
-#include "json_input.h"
+#include "input.h"
 
 // Handles one request to its end, and answers it; a notification is ignored.
-void handle(const Message &request);
+void handle(const Request &request);

@@ -85,16 +85,15 @@ void receiveLine(QByteArrayView line, RequestQueue &queue)
         replyError(QJsonValue::Null, InvalidRequest, u"Invalid Request: the id is too long"_s);
         return;
     }
-    const QString method = message->object.value("method"_L1).toString();
+    QString method = message->object.value("method"_L1).toString();
     if (method == "ping"_L1 && !id.isUndefined()) {
         reply(id, {});
         return;
     }
     if (method == "notifications/cancelled"_L1 && cancelInFlight(message->object))
         return;
-    Request request { message->longString.toByteArray(), *std::move(message) };
-    request.message.longString = request.longString;
-    queue.append(std::move(request));
+    queue.append(Request { id, std::move(method), message->object.value("params"_L1).toObject(),
+                           message->longString.toByteArray(), line.size() });
 }
 
 } // namespace

@@ -3,19 +3,23 @@
 
 #pragma once
 
-#include "json_input.h"
 #include "line_buffer.h"
+
+#include <QJsonObject>
 
 #include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <optional>
 
-// A message, and the place of its long string.
+// What the client asks for. It may wait in the thousands, so nothing else of its message is kept.
 struct Request
 {
-    QByteArray longString;
-    Message message;
+    QJsonValue id; // undefined: a notification
+    QString method;
+    QJsonObject params;
+    QByteArray longString; // of the params, see Message
+    qsizetype lineBytes = 0;
 };
 
 // What the reader hands to the main thread, in order. Outlives the reader.

@@ -86,9 +86,9 @@ int main(int argc, char *argv[])
     RequestQueue queue;
     std::thread reader(readStdin, std::ref(queue));
     while (std::optional<Request> request = queue.take()) {
-        handle(request->message);
+        handle(*request);
         QCoreApplication::processEvents();
-        const qsizetype size = request->message.lineBytes;
+        const qsizetype size = request->lineBytes;
         request.reset();
         messageHandled(size);
     }
