@@ -89,15 +89,9 @@ void PipeLines::takeLine(QByteArrayView line)
         events.keepKeys(message->hasPlainText);
         events.setLongString(message->longString);
         putEvent(events, object);
-    } else if (isOwn(object)) {
+    } else if (object.value("id"_L1).toInteger(-1) == requestId) {
         answer = *std::move(message);
     }
-}
-
-// Whether a response is the one to this request.
-bool PipeLines::isOwn(const QJsonObject &response) const
-{
-    return response.value("id"_L1).toInteger(-1) == requestId;
 }
 
 Exchange::Exchange(QLocalSocket &pipe, const HostProcess::Handle &peer, LineBuffer &buffer,

@@ -42,7 +42,6 @@ public:
 
 private:
     void takeLine(QByteArrayView line);
-    [[nodiscard]] bool isOwn(const QJsonObject &response) const;
 
     LineBuffer &input;
     const int requestId;

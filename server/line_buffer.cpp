@@ -29,9 +29,3 @@ std::optional<QByteArrayView> LineBuffer::takeLine()
     begin += length + 1;
     return unread.first(length);
 }
-
-void LineBuffer::clear()
-{
-    bytes = {};
-    begin = end = searched = 0;
-}

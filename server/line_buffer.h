@@ -16,7 +16,7 @@ public:
     void added(qsizetype count) { end += count; }
 
     // The next whole line without its line feed; nothing while there is none. It stands until
-    // space(), releaseTaken() or clear().
+    // space() or releaseTaken().
     std::optional<QByteArrayView> takeLine();
 
     // What came behind the last line that was taken.
@@ -35,9 +35,6 @@ public:
         end = bytes.size();
         begin = 0;
     }
-
-    // Forgets everything, and gives the memory back.
-    void clear();
 
 private:
     static constexpr qsizetype KeptBufferBytes = 2 << 20; // a buffer of this size stays

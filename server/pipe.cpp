@@ -155,7 +155,7 @@ void Pipe::releaseAnswer() { readBuffer.releaseTaken(); }
 void Pipe::drop()
 {
     sock.abort();
-    readBuffer.clear();
+    readBuffer = {};
 }
 
 bool pipeReachable()

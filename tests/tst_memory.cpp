@@ -27,6 +27,14 @@ qint64 pageFaults(const Server &server)
     return server.proc(u"stat"_s).split(' ').value(9).toLongLong();
 }
 
+// Calls that wait for one another, and the answers to all.
+void queueCalls(Server &server, int count)
+{
+    server.process.write((toolCall(1, u"list_vms"_s) + '\n').repeated(count));
+    while (count-- > 0)
+        QVERIFY(!server.line().isEmpty());
+}
+
 } // namespace
 
 class tst_memory : public QObject
@@ -176,12 +184,9 @@ private Q_SLOTS:
         };
         QVERIFY(!isError(server.call(u"get_vm"_s)));
         const int before = peakKiB();
-        constexpr int Calls = 14'000;
-        server.process.write((toolCall(1, u"get_vm"_s) + '\n').repeated(Calls));
-        for (int i = 0; i < Calls; ++i)
-            QVERIFY(!server.line().isEmpty());
+        queueCalls(server, 20'000);
         QVERIFY(!isError(server.callSteps(sendLongString(16'000'000))));
-        QVERIFY2(peakKiB() < before + 26'000, qPrintable(QString::number(peakKiB() - before)));
+        QVERIFY2(peakKiB() < before + 25'000, qPrintable(QString::number(peakKiB() - before)));
     }
 
     void keepsMemoryWhileLargeAnswersCome()
@@ -191,9 +196,10 @@ private Q_SLOTS:
         const Installation home;
         home.script(u"get_vm"_s,
                     sendStep("{\"id\":$id,\"result\":["
-                             + QByteArray(R"({"a":"b"},)").repeated(30'000) + "1]}\n"));
+                             + QByteArray(R"({"a":"b"},)").repeated(45'000) + "1]}\n"));
         const Application app(home);
         Server server(home);
+        queueCalls(server, 40'000); // what they leave free goes back, and counts no more
         qint64 fewest = INT_MAX; // page faults; the machine may be busy meanwhile
         for (int i = 0; i < 10; ++i) {
             const qint64 before = pageFaults(server);
