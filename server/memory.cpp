@@ -26,7 +26,7 @@ qsizetype freeBytes()
     qsizetype ofFiles = 0;
     std::ifstream("/proc/self/statm") >> size >> resident >> ofFiles;
     const struct mallinfo2 info = mallinfo2();
-    const auto used = static_cast<qsizetype>(info.uordblks + info.hblkhd);
+    const auto used = static_cast<qsizetype>(info.uordblks) + static_cast<qsizetype>(info.hblkhd);
     return (resident - ofFiles) * sysconf(_SC_PAGESIZE) - used;
 }
 
