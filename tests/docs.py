@@ -1,5 +1,6 @@
-"""Parses every snippet of the pages with its own format's parser, and looks for what a client with a
-bare environment has to pass on and for what the pages must have from the sources.
+"""Parses every snippet of the pages with its own format's parser, follows their links within the
+project, and looks for what a client with a bare environment has to pass on and for what the pages must
+have from the sources.
 usage: docs.py SOURCE_FOLDER"""
 
 import json
@@ -14,7 +15,7 @@ DESKTOP = ["DISPLAY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "DBUS_SESSION_BUS_AD
 
 root = pathlib.Path(sys.argv[1])
 pages = {path.name: path.read_text(encoding="utf-8")
-         for path in [root / "README.md", *root.glob("docs/*.md")]}
+         for path in [*root.glob("*.md"), *root.glob("docs/*.md")]}
 for name, text in pages.items():
     for language, snippet in re.findall(r"^```(\w+)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL):
         if language == "json":
@@ -25,6 +26,17 @@ for name, text in pages.items():
         else:
             assert language == "sh", (name, language)
             subprocess.run(["sh", "-n"], input=snippet, text=True, check=True)
+
+# A heading's anchor is the one that GitHub makes of it.
+anchors = {name: {re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-")
+                  for heading in re.findall(r"^#+ (.+)$", text, re.MULTILINE)}
+           for name, text in pages.items()}
+for name, text in pages.items():
+    folder = root if (root / name).exists() else root / "docs"
+    for page, anchor in re.findall(r"\]\((?!https?:)([^)#]*)#?([^)]*)\)", text):
+        target = folder / page if page else folder / name
+        assert target.exists(), f"{name}: no file {page}"
+        assert not anchor or anchor in anchors[target.name], f"{name}: no heading {page}#{anchor}"
 
 # Every text that the server can answer with is explained; what comes in at a % may be anything.
 for path in sorted((root / "server").glob("*.[ch]*")):
