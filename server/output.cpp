@@ -37,7 +37,8 @@ bool writeAll(QByteArrayView bytes)
 
 void writeMessage(const JsonWriter &lines, qint64 *clientIdleMs)
 {
-    const std::lock_guard lock(g_out);
+    // Taken with the first byte: whoever has nothing to say does not wait for a slow client.
+    std::unique_lock lock(g_out, std::defer_lock);
     for (QByteArrayView bytes : lines.pieces()) {
         while (!bytes.isEmpty()) {
             // A pipe that has room takes so much at once (pipe(7)).
@@ -46,6 +47,8 @@ void writeMessage(const JsonWriter &lines, qint64 *clientIdleMs)
             QElapsedTimer timer;
             if (clientIdleMs != nullptr)
                 timer.start();
+            if (!lock.owns_lock())
+                lock.lock(); // held by another message, of which the client takes nothing
             if (!writeAll(step))
                 return;
             if (clientIdleMs != nullptr && timer.elapsed() >= Limits::ClientIdleMs)

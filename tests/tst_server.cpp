@@ -15,6 +15,15 @@ QByteArray flood()
     return compact({ { u"send"_s, u"{\"method\":\"e\"}\n"_s }, { u"times"_s, 1'000'000'000 } });
 }
 
+// Pings, each on a line behind another one.
+QByteArray pingLines(int count)
+{
+    return QByteArray("\n"
+                      R"({"id":"","method":"ping"})")
+            .repeated(count);
+}
+const QByteArray PingAnswer = R"({"id":"","jsonrpc":"2.0","result":{}})";
+
 // Rows from a file of transcripts: "# name", then lines that the client sends (>), that the
 // application sends (=) and that the client gets (<).
 void addTranscripts(const QString &path)
@@ -299,8 +308,16 @@ private Q_SLOTS:
     }
 
     // An application that writes before it reads, and a client that takes nothing for a while.
+    void takesInWhatIsSaidWhileItWrites_data()
+    {
+        QTest::addColumn<int>("pings");
+        QTest::newRow("a client that takes no events") << 0;
+        QTest::newRow("nor answers to its pings, for which they wait") << 4'000;
+    }
+
     void takesInWhatIsSaidWhileItWrites()
     {
+        QFETCH(int, pings);
         constexpr int Events = 1'000;
         const QByteArray detail(1'000, 'x');
         const HastyInstallation home;
@@ -308,16 +325,40 @@ private Q_SLOTS:
         Server server(home);
         const QString event
                 = u"{\"method\":$n,\"params\":\"%1\"}\n"_s.arg(QLatin1StringView(detail));
-        QCOMPARE(resultText(server.callSteps(sendStep(
-                         Answer, ',' + compact({ { u"send"_s, event }, { u"times"_s, Events } })))),
-                 u"1"_s);
-        server.send(toolCall(1, u"get_vm"_s, { { u"large"_s, QString(600'000, u'x') } }));
-        server.process.waitForBytesWritten();
+        const QByteArray then
+                = R"(,{"wait":300},)" + compact({ { u"send"_s, event }, { u"times"_s, Events } });
+        QCOMPARE(resultText(server.callSteps(sendStep(Answer, then))), u"1"_s);
+        server.send(toolCall(1, u"get_vm"_s, { { u"large"_s, QString(600'000, u'x') } })
+                    + pingLines(pings));
+        while (server.process.bytesToWrite() > 0)
+            QVERIFY(server.process.waitForBytesWritten(PatienceMs));
         QTest::qSleep(7 * HastyInstallation::SecondMs); // longer than a write may take
-        for (int n = 0; n < Events; ++n)
-            QCOMPARE(server.line(), eventLine("{\"detail\":\"" + detail
-                                              + "\",\"event\":" + QByteArray::number(n) + "}"));
-        QVERIFY(!isError(parsed(server.line())));
+        int events = 0;
+        QByteArray line = server.line();
+        for (; !line.startsWith(R"({"id":1,)"); line = server.line()) {
+            QVERIFY(!line.isEmpty());
+            if (line != PingAnswer) {
+                QCOMPARE(line, eventLine("{\"detail\":\"" + detail
+                                         + "\",\"event\":" + QByteArray::number(events++) + "}"));
+            }
+        }
+        QCOMPARE(events, Events);
+        QVERIFY(!isError(parsed(line)));
+    }
+
+    // As long as there is nothing to say to it, it need not listen.
+    void aClientThatTakesNothingHoldsUpNoCall()
+    {
+        const Installation home;
+        home.script(u"hello"_s, R"([{"wait":300},)" + sendStep(Answer).sliced(1));
+        const Application app(home);
+        Server server(home);
+        server.send(toolCall(1, u"list_vms"_s) + pingLines(2'000)); // as much as one pipe holds
+        QVERIFY(server.process.waitForBytesWritten(PatienceMs));
+        const QDeadlineTimer deadline(PatienceMs);
+        while (home.received().size() < 2 && !deadline.hasExpired())
+            QTest::qSleep(10); // in which the server's output is not read
+        QCOMPARE(home.received().back()["method"_L1], QJsonValue(u"list_vms"_s));
     }
 
     // An application that says something without end, and a client that takes it.
