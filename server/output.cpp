@@ -37,8 +37,7 @@ bool writeAll(QByteArrayView bytes)
 
 void writeMessage(const JsonWriter &lines, qint64 *clientIdleMs)
 {
-    // Taken with the first byte: whoever has nothing to say does not wait for a slow client.
-    std::unique_lock lock(g_out, std::defer_lock);
+    std::unique_lock lock(g_out, std::defer_lock); // for the first byte: without any, no wait
     for (QByteArrayView bytes : lines.pieces()) {
         while (!bytes.isEmpty()) {
             // A pipe that has room takes so much at once (pipe(7)).
